@@ -1,0 +1,6 @@
+// Exported data that belongs to no single subsystem.
+
+#include "ZuHelper.h"
+
+uint32_t gOSVersion = 0;
+void* sendQueue = nullptr;

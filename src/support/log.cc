@@ -1,0 +1,15 @@
+#include "support/log.h"
+
+#include <cstdarg>
+#include <syslog.h>
+
+namespace zu {
+
+void LogError(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  ::vsyslog(LOG_ERR, format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace zu
