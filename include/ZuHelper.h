@@ -120,9 +120,9 @@ ZU_EXPORT void StopServer(void);
  * does not read is disconnected once its queue is full.
  *
  * @param message  any bytes, copied
- * @param length   their number, at least 1
+ * @param length   their number, at least 1; on Linux at most ZU_MESSAGE_MAX
  * @return 0 when sent (also to nobody), ZU_SERVER_REFUSED when `message` is
- *         NULL, `length` below 1, memory short or the server stopped
+ *         NULL, `length` out of bounds, memory short or the server stopped
  */
 ZU_EXPORT uint32_t ZuBroadcastMessageWithNoReply(const void* message,
                                                  int32_t length);

@@ -5,8 +5,8 @@
 
 #include "ZuHelper.h"
 #include "interface/locks.h"
-#include "platform/ipc.h"
 #include "platform/os_version.h"
+#include "server/server.h"
 #include "support/child_reaper.h"
 #include "watchdog/watchdog.h"
 
@@ -34,8 +34,7 @@ void InitializePlatform() {
 }
 
 void FinalizePlatform() {
-  // Ours that a host left running would run into unmapped code.
-  platform::StopIpc();
+  server::LeaveServer();
   StopChildReaper();
   ::pthread_mutex_destroy(&g_cert_mutex);
   ::pthread_mutex_destroy(&g_IP_timer_mutex);

@@ -1,5 +1,6 @@
 // Local interprocess communication: a named listener, connections that carry
-// dictionaries with one "<DATA>" entry, and serial queues on which they deliver.
+// dictionaries with one "<DATA>" entry, and serial queues on which they
+// deliver.
 //
 // The operations are as small as the platform's own. What is done with a
 // connection or a message (admission, order, limits, log lines) is decided by
@@ -35,9 +36,9 @@ using IpcConnectionRef = std::shared_ptr<IpcConnection>;
 using IpcMessageRef = std::shared_ptr<IpcMessage>;
 
 enum class IpcEvent {
-  kMessage,             // A dictionary came.
-  kNotADictionary,      // Something else came.
-  kInterrupted,         // The three errors after which a connection is over.
+  kMessage,         // A dictionary came.
+  kNotADictionary,  // Something else came.
+  kInterrupted,     // The three errors after which a connection is over.
   kInvalid,
   kTerminationImminent,
   kOtherError,
@@ -89,18 +90,19 @@ void CancelConnection(IpcConnection& connection);
 // Bytes under "<DATA>"; 0 also when there is no such entry. The length that the
 // sender claims, so it is not bounded: nothing is allocated for it.
 size_t BodySize(const IpcMessage& message);
-// Copies the body, all BodySize() bytes, which must be within the limit that
-// src/server sets for requests. What the sender does to its copy meanwhile
-// changes nothing that was copied.
+// Copies the body, all BodySize() bytes, of which there are then at most
+// kMaxBodySize; only until the handler call that brought the message ends. What
+// the sender does to its own copy changes nothing that was copied.
 void CopyBody(const IpcMessage& message, char* destination);
 
-// The dictionary that answers `request`; null when its sender wants none. One
-// that is dropped without being sent tells the sender that no answer comes.
+// The dictionary that answers `request`; null when its sender wants none. When
+// the handler call that brought the request ends and no reply was sent, the
+// sender learns that none will come.
 IpcMessageRef CreateReply(const IpcMessageRef& request);
 // An empty dictionary of our own; null when memory is short.
 IpcMessageRef CreateMessage();
-// Sets "<DATA>"; the bytes are copied. False when memory is short: the message
-// then has no such entry.
+// Sets "<DATA>"; the bytes are copied. False, and no such entry, when memory is
+// short or the transport does not carry that many.
 bool SetBody(IpcMessage& message, std::string_view body);
 
 // Sends a reply, or the same message to any number of connections. Never
@@ -108,8 +110,9 @@ bool SetBody(IpcMessage& message, std::string_view body);
 // exceeds the bound is disconnected.
 void SendMessage(IpcConnection& connection, const IpcMessageRef& message);
 
-// Ends every thread of this facility and waits for it, unless it is inside a
-// handler call. Nothing is delivered any more. For the library's unload.
+// Ends every thread of this facility, where it has any of its own, and waits
+// for handler calls that are under way. Nothing is delivered any more. For the
+// library's unload.
 void StopIpc();
 
 // Longest "<DATA>" that the transport has to carry, either way.

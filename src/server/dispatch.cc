@@ -1,1 +1,180 @@
-// Placeholder.
+#include "server/dispatch.h"
+
+#include <pthread.h>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "ZuHelper.h"
+#include "server/request.h"
+#include "server/server_state.h"
+#include "server/zu_queue.h"
+#include "support/guarded.h"
+#include "support/log.h"
+
+ZuQueue* gXpcRequestQueue = nullptr;
+
+namespace zu::server {
+namespace {
+
+// How long an idle worker keeps the memory of a large request.
+constexpr std::chrono::seconds kKeepMemory{5};
+
+// One request on its way. Shared by the handler that waits and the worker, so
+// that the worker can signal without the lock: woken under it, the handler
+// would only wait again.
+struct RequestRecord {
+  RequestRecord(const platform::IpcMessageRef& request,
+                platform::IpcMessageRef answer)
+      : message(request), reply(std::move(answer)) {}
+
+  const platform::IpcMessageRef& message;  // Not used once `finished` is set.
+  platform::IpcMessageRef reply;
+  std::condition_variable wakeup;
+  bool finished = false;
+};
+
+// The mutex guards all of this and gXpcRequestQueue. Nothing here is ever
+// destroyed: threads of a host that exits in disorder may still wait on it.
+struct Worker {
+  std::mutex gXpcRequestQueueMutex;
+  std::condition_variable gWorkerThreadWakeup;
+  std::condition_variable ended;
+  // The thread, while there is one to join.
+  pthread_t gWorkerThread_id{};
+  bool has_thread = false;
+  // The thread has not yet left its loop.
+  bool running = false;
+  bool in_request = false;
+  bool g_serverImpl_enable = false;
+};
+Worker& g_worker = *new Worker;
+
+bool OnWorkerThread() {
+  return g_worker.has_thread &&
+         ::pthread_equal(g_worker.gWorkerThread_id, ::pthread_self()) != 0;
+}
+
+void Finish(const std::shared_ptr<RequestRecord>& record) {
+  record->finished = true;
+  record->wakeup.notify_one();
+}
+
+// Waits until there is a request or nothing more to wait for. Memory that large
+// requests left goes after a while without work.
+void WaitForWork(std::unique_lock<std::mutex>& lock,
+                 RequestProcessor& processor) {
+  const auto has_work = [] {
+    return !g_worker.g_serverImpl_enable || !gXpcRequestQueue->isEmpty();
+  };
+  if (processor.HoldsMemory() &&
+      !g_worker.gWorkerThreadWakeup.wait_for(lock, kKeepMemory, has_work)) {
+    processor.Trim();
+  }
+  g_worker.gWorkerThreadWakeup.wait(lock, has_work);
+}
+
+void RunWorker() {
+  RequestProcessor processor;
+  std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
+  for (;;) {
+    WaitForWork(lock, processor);
+    // A callback that stops the server releases the queue as well.
+    if (gXpcRequestQueue == nullptr || gXpcRequestQueue->isEmpty()) break;
+    const auto record =
+        std::static_pointer_cast<RequestRecord>(gXpcRequestQueue->dequeue());
+    g_worker.in_request = true;
+    lock.unlock();
+    Guarded("ProcessXpcRequest", [&] {
+      processor.ProcessXpcRequest(*record->message, record->reply.get());
+    });
+    lock.lock();
+    g_worker.in_request = false;
+    record->finished = true;
+    lock.unlock();
+    record->wakeup.notify_one();
+    lock.lock();
+  }
+  g_worker.running = false;
+  g_worker.ended.notify_all();
+}
+
+// Gives back a thread that has left its loop. Takes `lock` with it.
+void JoinEndedThread(std::unique_lock<std::mutex> lock) {
+  if (!std::exchange(g_worker.has_thread, false)) return;
+  const pthread_t thread = g_worker.gWorkerThread_id;
+  lock.unlock();
+  ::pthread_join(thread, nullptr);
+}
+
+}  // namespace
+
+void HandleRequest(const platform::IpcConnectionRef& client,
+                   const platform::IpcMessageRef& message) {
+  const platform::IpcMessageRef reply = platform::CreateReply(message);
+  const auto record = std::make_shared<RequestRecord>(message, reply);
+  std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
+  // Tested under the lock: past it, the worker or the stop finds the record.
+  if (gShuttingDown || gXpcRequestQueue == nullptr) return;
+  gXpcRequestQueue->enqueue(record);
+  lock.unlock();
+  g_worker.gWorkerThreadWakeup.notify_one();
+  lock.lock();
+  record->wakeup.wait(lock, [&record] { return record->finished; });
+  lock.unlock();
+  if (reply && !gShuttingDown) platform::SendMessage(*client, reply);
+}
+
+bool StartWorker() {
+  std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
+  delete std::exchange(gXpcRequestQueue, new ZuQueue);
+  g_worker.g_serverImpl_enable = true;
+  // A callback that stopped the server and starts one again is still on the
+  // old thread, which then simply goes on.
+  if (g_worker.running) return true;
+  if (g_worker.has_thread) {
+    JoinEndedThread(std::move(lock));
+    lock = std::unique_lock(g_worker.gXpcRequestQueueMutex);
+  }
+  g_worker.running = true;
+  g_worker.has_thread =
+      ::pthread_create(&g_worker.gWorkerThread_id, nullptr,
+                       &WorkerThread_ProcessXpcRequest, &g_worker) == 0;
+  g_worker.running = g_worker.has_thread;
+  g_worker.g_serverImpl_enable = g_worker.has_thread;
+  return g_worker.has_thread;
+}
+
+void StopWorker() {
+  std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
+  g_worker.g_serverImpl_enable = false;
+  g_worker.gWorkerThreadWakeup.notify_all();
+  if (OnWorkerThread()) return;
+  g_worker.ended.wait(lock, [] { return !g_worker.running; });
+  JoinEndedThread(std::move(lock));
+}
+
+bool IsInsideRequest() {
+  const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
+  return g_worker.in_request;
+}
+
+void ReleaseRequestQueue(void (*released)()) {
+  const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
+  if (gXpcRequestQueue == nullptr) return;
+  released();
+  while (const auto record = std::static_pointer_cast<RequestRecord>(
+             gXpcRequestQueue->dequeue())) {
+    Finish(record);
+  }
+  delete std::exchange(gXpcRequestQueue, nullptr);
+}
+
+}  // namespace zu::server
+
+void* WorkerThread_ProcessXpcRequest(void* worker) {
+  if (worker == &zu::server::g_worker) zu::server::RunWorker();
+  return nullptr;
+}

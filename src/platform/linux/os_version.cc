@@ -1,7 +1,7 @@
 #include "platform/os_version.h"
 
-#include <algorithm>
 #include <sys/utsname.h>
+#include <algorithm>
 
 #include "platform/linux/kernel_release.h"
 

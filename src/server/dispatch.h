@@ -1,0 +1,32 @@
+// The hand-off of requests from the clients' queue to the worker thread.
+#ifndef ZU_SERVER_DISPATCH_H_
+#define ZU_SERVER_DISPATCH_H_
+
+#include "platform/ipc.h"
+
+namespace zu::server {
+
+// Queues one request, waits until the worker is done with it and sends the
+// reply. For the clients' serial queue, so no two requests are ever under way.
+// Returns without a reply when the server stops first.
+void HandleRequest(const platform::IpcConnectionRef& client,
+                   const platform::IpcMessageRef& message);
+
+// Starts the worker over a new queue. False: no thread could be made; requests
+// then wait until the server stops.
+bool StartWorker();
+
+// Has the worker end once the queue is empty and waits for that, unless this is
+// the worker's own thread: it then ends when the callback returns.
+void StopWorker();
+
+// Releases the queue, if there is one, and lets those who wait in it go without
+// a reply. `released` is called before that.
+void ReleaseRequestQueue(void (*released)());
+
+// The worker is at a request, and so perhaps inside a callback of the host.
+bool IsInsideRequest();
+
+}  // namespace zu::server
+
+#endif  // ZU_SERVER_DISPATCH_H_
