@@ -91,13 +91,13 @@ void CancelConnection(IpcConnection& connection);
 // sender claims, so it is not bounded: nothing is allocated for it.
 size_t BodySize(const IpcMessage& message);
 // Copies the body, all BodySize() bytes, of which there are then at most
-// kMaxBodySize; only until the handler call that brought the message ends. What
-// the sender does to its own copy changes nothing that was copied.
+// kMaxBodySize. What the sender does to its own copy changes nothing that was
+// copied.
 void CopyBody(const IpcMessage& message, char* destination);
 
 // The dictionary that answers `request`; null when its sender wants none. When
-// the handler call that brought the request ends and no reply was sent, the
-// sender learns that none will come.
+// the last reference to a request goes and no reply was sent, its sender learns
+// that none will come.
 IpcMessageRef CreateReply(const IpcMessageRef& request);
 // An empty dictionary of our own; null when memory is short.
 IpcMessageRef CreateMessage();

@@ -22,18 +22,17 @@ namespace {
 // How long an idle worker keeps the memory of a large request.
 constexpr std::chrono::seconds kKeepMemory{5};
 
-// One request on its way. Shared by the handler that waits and the worker, so
-// that the worker can signal without the lock: woken under it, the handler
-// would only wait again.
-struct RequestRecord {
-  RequestRecord(const platform::IpcMessageRef& request,
-                platform::IpcMessageRef answer)
-      : message(request), reply(std::move(answer)) {}
+// What may wait in the queue before the clients' queue has to. One alone would
+// cost a change of threads for each request; the bytes are a bound for large
+// ones.
+constexpr size_t kMaxQueuedRequests = 64;
+constexpr size_t kMaxQueuedBytes = 8u << 20;
 
-  const platform::IpcMessageRef& message;  // Not used once `finished` is set.
+// One request on its way. The reply is null when the client wants none.
+struct RequestRecord {
+  platform::IpcConnectionRef client;
+  platform::IpcMessageRef message;
   platform::IpcMessageRef reply;
-  std::condition_variable wakeup;
-  bool finished = false;
 };
 
 // The mutex guards all of this and gXpcRequestQueue. Nothing here is ever
@@ -41,6 +40,8 @@ struct RequestRecord {
 struct Worker {
   std::mutex gXpcRequestQueueMutex;
   std::condition_variable gWorkerThreadWakeup;
+  std::condition_variable room;  // The queue became shorter, or went.
+  size_t queued_bytes = 0;
   std::condition_variable ended;
   // The thread, while there is one to join.
   pthread_t gWorkerThread_id{};
@@ -57,9 +58,23 @@ bool OnWorkerThread() {
          ::pthread_equal(g_worker.gWorkerThread_id, ::pthread_self()) != 0;
 }
 
-void Finish(const std::shared_ptr<RequestRecord>& record) {
-  record->finished = true;
-  record->wakeup.notify_one();
+// Lengths that no request may have carry no bytes either.
+size_t CountedSize(const RequestRecord& record) {
+  const size_t size = platform::BodySize(*record.message);
+  return size <= platform::kMaxBodySize ? size : 0;
+}
+
+bool HasRoom() {
+  return gXpcRequestQueue == nullptr ||
+         (gXpcRequestQueue->size() < kMaxQueuedRequests &&
+          g_worker.queued_bytes < kMaxQueuedBytes);
+}
+
+void Process(RequestProcessor& processor, const RequestRecord& record) {
+  processor.ProcessXpcRequest(*record.message, record.reply.get());
+  if (record.reply && !gShuttingDown) {
+    platform::SendMessage(*record.client, record.reply);
+  }
 }
 
 // Waits until there is a request or nothing more to wait for. Memory that large
@@ -83,19 +98,16 @@ void RunWorker() {
     WaitForWork(lock, processor);
     // A callback that stops the server releases the queue as well.
     if (gXpcRequestQueue == nullptr || gXpcRequestQueue->isEmpty()) break;
-    const auto record =
+    auto record =
         std::static_pointer_cast<RequestRecord>(gXpcRequestQueue->dequeue());
+    g_worker.queued_bytes -= CountedSize(*record);
     g_worker.in_request = true;
     lock.unlock();
-    Guarded("ProcessXpcRequest", [&] {
-      processor.ProcessXpcRequest(*record->message, record->reply.get());
-    });
+    g_worker.room.notify_one();
+    Guarded("ProcessXpcRequest", [&] { Process(processor, *record); });
+    record.reset();
     lock.lock();
     g_worker.in_request = false;
-    record->finished = true;
-    lock.unlock();
-    record->wakeup.notify_one();
-    lock.lock();
   }
   g_worker.running = false;
   g_worker.ended.notify_all();
@@ -113,23 +125,24 @@ void JoinEndedThread(std::unique_lock<std::mutex> lock) {
 
 void HandleRequest(const platform::IpcConnectionRef& client,
                    const platform::IpcMessageRef& message) {
-  const platform::IpcMessageRef reply = platform::CreateReply(message);
-  const auto record = std::make_shared<RequestRecord>(message, reply);
-  std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
-  // Tested under the lock: past it, the worker or the stop finds the record.
-  if (gShuttingDown || gXpcRequestQueue == nullptr) return;
-  gXpcRequestQueue->enqueue(record);
-  lock.unlock();
+  const auto record = std::make_shared<RequestRecord>(
+      RequestRecord{client, message, platform::CreateReply(message)});
+  {
+    std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
+    g_worker.room.wait(lock, HasRoom);
+    // Tested under the lock: past it, the worker or the stop finds the record.
+    if (gShuttingDown || gXpcRequestQueue == nullptr) return;
+    gXpcRequestQueue->enqueue(record);
+    g_worker.queued_bytes += CountedSize(*record);
+  }
+  // Signalled without the lock, on which the worker would only wait again.
   g_worker.gWorkerThreadWakeup.notify_one();
-  lock.lock();
-  record->wakeup.wait(lock, [&record] { return record->finished; });
-  lock.unlock();
-  if (reply && !gShuttingDown) platform::SendMessage(*client, reply);
 }
 
 bool StartWorker() {
   std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
   delete std::exchange(gXpcRequestQueue, new ZuQueue);
+  g_worker.queued_bytes = 0;
   g_worker.g_serverImpl_enable = true;
   // A callback that stopped the server and starts one again is still on the
   // old thread, which then simply goes on.
@@ -165,11 +178,10 @@ void ReleaseRequestQueue(void (*released)()) {
   const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
   if (gXpcRequestQueue == nullptr) return;
   released();
-  while (const auto record = std::static_pointer_cast<RequestRecord>(
-             gXpcRequestQueue->dequeue())) {
-    Finish(record);
-  }
+  gXpcRequestQueue->clear();
+  g_worker.queued_bytes = 0;
   delete std::exchange(gXpcRequestQueue, nullptr);
+  g_worker.room.notify_all();
 }
 
 }  // namespace zu::server

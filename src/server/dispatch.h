@@ -6,9 +6,10 @@
 
 namespace zu::server {
 
-// Queues one request, waits until the worker is done with it and sends the
-// reply. For the clients' serial queue, so no two requests are ever under way.
-// Returns without a reply when the server stops first.
+// Queues one request for the worker, which answers it. Requests are answered
+// one at a time in the order of these calls, which come from the clients'
+// serial queue; blocks while enough of them are waiting. A request that the
+// server's stop overtakes is dropped.
 void HandleRequest(const platform::IpcConnectionRef& client,
                    const platform::IpcMessageRef& message);
 
@@ -20,8 +21,8 @@ bool StartWorker();
 // the worker's own thread: it then ends when the callback returns.
 void StopWorker();
 
-// Releases the queue, if there is one, and lets those who wait in it go without
-// a reply. `released` is called before that.
+// Releases the queue, if there is one, and what still is in it. `released` is
+// called before that.
 void ReleaseRequestQueue(void (*released)());
 
 // The worker is at a request, and so perhaps inside a callback of the host.

@@ -3,7 +3,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "platform/linux/ipc/connection.h"
 #include "platform/linux/ipc/event_loop.h"
@@ -77,7 +76,9 @@ void CancelConnection(IpcConnection& connection) { connection.Cancel(); }
 size_t BodySize(const IpcMessage& message) { return message.header.length; }
 
 void CopyBody(const IpcMessage& message, char* destination) {
-  std::memcpy(destination, message.received, message.header.length);
+  const char* body =
+      message.region ? message.region->data() : message.body.get();
+  if (body != nullptr) std::memcpy(destination, body, message.header.length);
 }
 
 IpcMessageRef CreateReply(const IpcMessageRef& request) {
@@ -97,12 +98,12 @@ bool SetBody(IpcMessage& message, std::string_view body) {
   message.body.reset();
   if (body.size() > kMaxBodySize) return false;
   // Below the threshold the socket is as fast, and the region stays cold.
-  if (message.request && message.request->region != nullptr &&
+  if (message.request && message.request->region &&
       body.size() >= kRegionThreshold) {
     std::memcpy(message.request->region->data(), body.data(), body.size());
     message.header.flags = kFrameHasData | kFrameInRegion;
   } else {
-    message.body.reset(new (std::nothrow) char[body.size()]);
+    message.body = AllocateBody(body.size());
     if (!message.body) return false;
     std::memcpy(message.body.get(), body.data(), body.size());
     message.header.flags = kFrameHasData;

@@ -16,6 +16,10 @@ constexpr size_t kMaxOutgoing = 8u << 20;
 
 }  // namespace
 
+IpcMessage::~IpcMessage() {
+  if (waiting) waiting->SendNoReply(header.request);
+}
+
 size_t IpcConnection::Outgoing::size() const {
   const bool inline_body =
       message && message->body && (header.flags & kFrameInRegion) == 0;
@@ -89,8 +93,15 @@ void IpcConnection::SendFrame(Outgoing frame) {
 }
 
 void IpcConnection::Send(const IpcMessageRef& message) {
-  if (message->request) message->request->answered = true;
+  if (message->request) message->request->waiting.reset();
   SendFrame({message, message->header});
+}
+
+void IpcConnection::SendNoReply(uint64_t request) {
+  FrameHeader header;
+  header.kind = FrameKind::kNoReply;
+  header.request = request;
+  SendFrame({nullptr, header});
 }
 
 void IpcConnection::Flush() {
@@ -132,7 +143,7 @@ bool IpcConnection::TakeControl(const msghdr& message) {
   return good && is_peer;
 }
 
-bool IpcConnection::HandleFrame(const Frame& frame) {
+bool IpcConnection::HandleFrame(Frame frame) {
   const FrameHeader& header = frame.header;
   if (header.kind == FrameKind::kRegion) {
     if (region_ || !passed_.valid()) return false;
@@ -145,23 +156,24 @@ bool IpcConnection::HandleFrame(const Frame& frame) {
 
   const auto message = std::make_shared<IpcMessage>();
   message->header = header;
-  message->region = in_region ? region_.get() : nullptr;
-  message->received = in_region
-                          ? region_->data()
-                          : reinterpret_cast<const char*>(frame.body.data());
-  handler_(IpcEvent::kMessage, message);
-  message->received = nullptr;
-  message->region = nullptr;
-  if (header.kind == FrameKind::kRequest && !message->answered) {
-    FrameHeader none;
-    none.kind = FrameKind::kNoReply;
-    none.request = header.request;
-    SendFrame({nullptr, none});
+  if (in_region) {
+    message->region = region_;
+  } else if (!frame.body.empty()) {
+    message->body = std::move(frame.storage);
+    if (!message->body) {
+      message->body = AllocateBody(frame.body.size());
+      if (!message->body) return false;
+      std::memcpy(message->body.get(), frame.body.data(), frame.body.size());
+    }
   }
+  if (header.kind == FrameKind::kRequest) {
+    message->waiting = shared_from_this();
+  }
+  handler_(IpcEvent::kMessage, message);
   return true;
 }
 
-bool IpcConnection::Receive(std::span<std::byte> scratch) {
+bool IpcConnection::Receive(std::span<char> scratch) {
   const auto destination = assembler_.NextDestination(scratch);
   iovec parts[2] = {{destination.first.data(), destination.first.size()},
                     {destination.second.data(), destination.second.size()}};
@@ -182,7 +194,7 @@ bool IpcConnection::Receive(std::span<std::byte> scratch) {
   if (!TakeControl(message) || !RunsSameImage(peer_)) return false;
   return assembler_.Consume(
       static_cast<size_t>(size), scratch,
-      [this](const Frame& frame) { return HandleFrame(frame); });
+      [this](Frame frame) { return HandleFrame(std::move(frame)); });
 }
 
 void IpcConnection::End() {

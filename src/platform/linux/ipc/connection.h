@@ -20,15 +20,19 @@ namespace zu::platform {
 class EventLoop;
 
 struct IpcMessage {
+  IpcMessage() = default;
+  IpcMessage(const IpcMessage&) = delete;
+  IpcMessage& operator=(const IpcMessage&) = delete;
+  ~IpcMessage();
+
   FrameHeader header;  // As it came, or as it is to be sent.
-  // A message that came. The body is valid until its handler call ends; null
-  // when there is none or it is longer than the transport carries.
-  const char* received = nullptr;
-  Region* region = nullptr;  // Where the body lies and the reply may lie.
-  bool answered = false;
-  // A message to be sent.
-  std::unique_ptr<char[]> body;
-  IpcMessageRef request;  // What a reply answers.
+  Body body;           // Null when there is none, or it lies in the region.
+  // A message that came: where its body lies and its reply may lie, and, for a
+  // request that nobody has answered yet, who sent it.
+  std::shared_ptr<Region> region;
+  IpcConnectionRef waiting;
+  // A reply: what it answers.
+  IpcMessageRef request;
 };
 
 struct IpcConnection : std::enable_shared_from_this<IpcConnection> {
@@ -49,11 +53,12 @@ struct IpcConnection : std::enable_shared_from_this<IpcConnection> {
 
   // From any thread.
   void Send(const IpcMessageRef& message);
+  void SendNoReply(uint64_t request);
   void Cancel();
 
   // From the loop's thread. Receive takes in what has come, delivers it and is
   // false once the connection is over; End then delivers that and lets go.
-  [[nodiscard]] bool Receive(std::span<std::byte> scratch);
+  [[nodiscard]] bool Receive(std::span<char> scratch);
   void Flush();
   void End();
 
@@ -66,7 +71,7 @@ struct IpcConnection : std::enable_shared_from_this<IpcConnection> {
   };
 
   bool TakeControl(const msghdr& message);
-  bool HandleFrame(const Frame& frame);
+  bool HandleFrame(Frame frame);
   void SendFrame(Outgoing frame);
   // Under the mutex. False when the peer takes no more for now.
   bool Write(Outgoing& frame);
@@ -81,7 +86,7 @@ struct IpcConnection : std::enable_shared_from_this<IpcConnection> {
   // The loop's thread only.
   FrameAssembler assembler_;
   FileDescriptor passed_;  // Came with the stream, for the kRegion frame.
-  std::unique_ptr<Region> region_;
+  std::shared_ptr<Region> region_;
 
   std::mutex mutex_;  // Guards what follows.
   bool aborted_ = false;

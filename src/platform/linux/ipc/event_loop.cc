@@ -69,7 +69,7 @@ bool EventLoop::IsOver() {
 }
 
 void EventLoop::HandleEvents(IpcConnection& connection, uint32_t events,
-                             std::span<std::byte> scratch) {
+                             std::span<char> scratch) {
   if ((events & EPOLLOUT) != 0) connection.Flush();
   if ((events & ~uint32_t{EPOLLOUT}) == 0) return;
   // Out of memory costs that client its connection and nobody else anything.
@@ -88,11 +88,9 @@ void EventLoop::HandleEvents(IpcConnection& connection, uint32_t events,
 }
 
 void EventLoop::Run() {
-  const std::unique_ptr<std::byte, decltype(&std::free)> memory(
-      static_cast<std::byte*>(std::aligned_alloc(64, kScratchSize)),
-      &std::free);
+  const Body memory = AllocateBody(kScratchSize);
   if (!memory) return;
-  const std::span<std::byte> scratch(memory.get(), kScratchSize);
+  const std::span<char> scratch(memory.get(), kScratchSize);
   std::array<epoll_event, kEventsAtOnce> events;
   while (!IsOver()) {
     const int count = RetryOnInterrupt([&] {

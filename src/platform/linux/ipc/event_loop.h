@@ -32,7 +32,7 @@ class EventLoop {
  private:
   bool IsOver();
   void HandleEvents(IpcConnection& connection, uint32_t events,
-                    std::span<std::byte> scratch);
+                    std::span<char> scratch);
 
   const FileDescriptor epoll_;
   const Event wakeup_;

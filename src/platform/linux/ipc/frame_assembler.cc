@@ -6,11 +6,14 @@
 #include "platform/ipc.h"
 
 namespace zu::platform {
-namespace {
 
-constexpr size_t kCacheLine = 64;
-
-}  // namespace
+Body AllocateBody(size_t size) {
+  constexpr size_t kCacheLine = 64;
+  const size_t lines =
+      std::max<size_t>((size + kCacheLine - 1) / kCacheLine, 1);
+  return Body(
+      static_cast<char*>(std::aligned_alloc(kCacheLine, lines * kCacheLine)));
+}
 
 bool IsClientHeader(const FrameHeader& header) {
   if (header.magic != kFrameMagic || header.version != kFrameVersion) {
@@ -34,7 +37,7 @@ bool IsClientHeader(const FrameHeader& header) {
 }
 
 FrameAssembler::Destination FrameAssembler::NextDestination(
-    std::span<std::byte> scratch) {
+    std::span<char> scratch) {
   if (skip_ > 0) {
     return {scratch.first(std::min<uint64_t>(skip_, scratch.size())), {}};
   }
@@ -45,31 +48,27 @@ FrameAssembler::Destination FrameAssembler::NextDestination(
 }
 
 // Begins the frame whose header is complete; `rest` is what came behind it.
-bool FrameAssembler::StartFrame(std::span<const std::byte>& rest,
-                                const Visitor& visit) {
+bool FrameAssembler::StartFrame(std::string_view& rest, const Visitor& visit) {
   std::memcpy(&header_, header_bytes_.data(), sizeof(header_));
   header_size_ = 0;
   if (!IsClientHeader(header_)) return false;
   if (header_.kind == FrameKind::kRegion ||
       (header_.flags & kFrameInRegion) != 0) {
-    return visit({header_, {}});
+    return visit({header_, {}, nullptr});
   }
   if (header_.length > kMaxBodySize) {
     // Answered from the length alone; the bytes are passed over as they come.
     const size_t here = std::min<uint64_t>(header_.length, rest.size());
     skip_ = header_.length - here;
-    rest = rest.subspan(here);
-    return visit({header_, {}});
+    rest = rest.substr(here);
+    return visit({header_, {}, nullptr});
   }
   if (header_.length <= rest.size()) {
-    const auto body = rest.first(header_.length);
-    rest = rest.subspan(header_.length);
-    return visit({header_, body});
+    const auto body = rest.substr(0, header_.length);
+    rest = rest.substr(header_.length);
+    return visit({header_, body, nullptr});
   }
-  const size_t capacity =
-      (header_.length + kCacheLine - 1) / kCacheLine * kCacheLine;
-  body_.reset(
-      static_cast<std::byte*>(std::aligned_alloc(kCacheLine, capacity)));
+  body_ = AllocateBody(header_.length);
   if (!body_) return false;
   std::copy(rest.begin(), rest.end(), body_.get());
   body_size_ = rest.size();
@@ -77,21 +76,21 @@ bool FrameAssembler::StartFrame(std::span<const std::byte>& rest,
   return true;
 }
 
-bool FrameAssembler::ConsumeStream(std::span<const std::byte> rest,
+bool FrameAssembler::ConsumeStream(std::string_view rest,
                                    const Visitor& visit) {
   while (!rest.empty()) {
     const size_t part =
         std::min(header_bytes_.size() - header_size_, rest.size());
     std::copy_n(rest.begin(), part, header_bytes_.begin() + header_size_);
     header_size_ += part;
-    rest = rest.subspan(part);
+    rest = rest.substr(part);
     if (header_size_ < header_bytes_.size()) return true;
     if (!StartFrame(rest, visit)) return false;
   }
   return true;
 }
 
-bool FrameAssembler::Consume(size_t size, std::span<std::byte> scratch,
+bool FrameAssembler::Consume(size_t size, std::span<char> scratch,
                              const Visitor& visit) {
   if (skip_ > 0) {
     skip_ -= size;
@@ -100,14 +99,14 @@ bool FrameAssembler::Consume(size_t size, std::span<std::byte> scratch,
   if (body_) {
     body_size_ += size;
     if (body_size_ < header_.length) return true;
-    const auto body = std::move(body_);
-    return visit({header_, {body.get(), header_.length}});
+    const std::string_view body(body_.get(), header_.length);
+    return visit({header_, body, std::move(body_)});
   }
   // The header's missing part came first, then the scratch bytes.
   const size_t part = std::min(header_bytes_.size() - header_size_, size);
   header_size_ += part;
   if (header_size_ < header_bytes_.size()) return true;
-  std::span<const std::byte> rest = scratch.first(size - part);
+  std::string_view rest(scratch.data(), size - part);
   return StartFrame(rest, visit) && ConsumeStream(rest, visit);
 }
 

@@ -11,19 +11,29 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
+#include <string_view>
 
 #include "platform/linux/ipc_frame.h"
 
 namespace zu::platform {
 
+// Memory from the C library, on a line of the cache: copies of some tens of KiB
+// into other places are many times slower.
+struct FreeBody {
+  void operator()(char* memory) const { std::free(memory); }
+};
+using Body = std::unique_ptr<char, FreeBody>;
+Body AllocateBody(size_t size);  // Null when memory is short.
+
 // A frame from a client. `body` is empty when it lies in the region, when there
-// is none, and when its length is beyond what the transport carries; it is
-// valid during the visit only.
+// is none, and when its length is beyond what the transport carries. It is
+// valid during the visit, and longer by taking `storage`, where that is not
+// null.
 struct Frame {
   FrameHeader header;
-  std::span<const std::byte> body;
+  std::string_view body;
+  Body storage;
 };
 
 // Tells whether the header is one that a client may send.
@@ -35,35 +45,29 @@ class FrameAssembler {
   // start of `scratch`, so a body that comes whole with its header is received
   // right there, as well aligned as that is.
   struct Destination {
-    std::span<std::byte> first;
-    std::span<std::byte> second;
+    std::span<char> first;
+    std::span<char> second;
   };
-  Destination NextDestination(std::span<std::byte> scratch);
+  Destination NextDestination(std::span<char> scratch);
 
   // Says that `size` bytes were received into the last destination and visits
   // the frames that are complete with them. A visitor that returns false ends
   // the stream. False: the stream broke a rule or a visitor ended it, or memory
   // is short; the connection has to be closed.
-  using Visitor = std::function<bool(const Frame&)>;
-  [[nodiscard]] bool Consume(size_t size, std::span<std::byte> scratch,
+  using Visitor = std::function<bool(Frame)>;
+  [[nodiscard]] bool Consume(size_t size, std::span<char> scratch,
                              const Visitor& visit);
 
  private:
-  struct Free {
-    void operator()(std::byte* memory) const { std::free(memory); }
-  };
-
-  [[nodiscard]] bool StartFrame(std::span<const std::byte>& rest,
-                                const Visitor& visit);
-  [[nodiscard]] bool ConsumeStream(std::span<const std::byte> rest,
-                                   const Visitor& visit);
+  [[nodiscard]] bool StartFrame(std::string_view& rest, const Visitor& visit);
+  [[nodiscard]] bool ConsumeStream(std::string_view rest, const Visitor& visit);
 
   // The part of a header that is there.
-  std::array<std::byte, sizeof(FrameHeader)> header_bytes_;
+  std::array<char, sizeof(FrameHeader)> header_bytes_;
   size_t header_size_ = 0;
   // A body that is still coming in.
   FrameHeader header_;
-  std::unique_ptr<std::byte, Free> body_;
+  Body body_;
   size_t body_size_ = 0;
   // Bytes of an overlong body that are still to be thrown away.
   uint64_t skip_ = 0;

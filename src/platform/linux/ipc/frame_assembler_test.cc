@@ -30,7 +30,7 @@ std::string Request(const std::string& body) {
 // comes out; an overlong frame shows as its length, the end of it all as "!".
 std::vector<std::string> Feed(const std::string& stream, size_t piece) {
   FrameAssembler assembler;
-  alignas(64) std::array<std::byte, 256> scratch;
+  alignas(64) std::array<char, 256> scratch;
   std::vector<std::string> seen;
   size_t position = 0;
   while (position < stream.size()) {
@@ -45,11 +45,9 @@ std::vector<std::string> Feed(const std::string& stream, size_t piece) {
     }
     position += part;
     const bool good = assembler.Consume(part, scratch, [&](const Frame& frame) {
-      seen.push_back(
-          frame.header.length > kMaxBodySize
-              ? std::to_string(frame.header.length)
-              : std::string(reinterpret_cast<const char*>(frame.body.data()),
-                            frame.body.size()));
+      seen.push_back(frame.header.length > kMaxBodySize
+                         ? std::to_string(frame.header.length)
+                         : std::string(frame.body));
       return true;
     });
     if (!good) {
@@ -119,7 +117,7 @@ INSTANTIATE_TEST_SUITE_P(
                     kRegionSize + 1)},
         Rule{"RegionOfOtherSize",
              Encode(FrameKind::kRegion, 0, kRegionSize - 1)}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& rule) { return std::string(rule.param.name); });
 
 }  // namespace
 }  // namespace zu::platform

@@ -10,7 +10,7 @@
 
 namespace zu::platform {
 
-std::unique_ptr<Region> Region::Map(FileDescriptor memory) {
+std::shared_ptr<Region> Region::Map(FileDescriptor memory) {
   constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
   const int seals = ::fcntl(memory.get(), F_GET_SEALS);
   if (seals == -1 || (seals & kSeals) != kSeals) return nullptr;
@@ -28,7 +28,7 @@ std::unique_ptr<Region> Region::Map(FileDescriptor memory) {
   void* data = ::mmap(nullptr, kRegionSize, PROT_READ | PROT_WRITE, MAP_SHARED,
                       memory.get(), 0);
   if (data == MAP_FAILED) return nullptr;
-  return std::unique_ptr<Region>(new Region(static_cast<char*>(data)));
+  return std::shared_ptr<Region>(new Region(static_cast<char*>(data)));
 }
 
 Region::~Region() { ::munmap(data_, kRegionSize); }

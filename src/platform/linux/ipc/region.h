@@ -15,7 +15,7 @@ class Region {
   // Null unless `memory` is what a client may hand over: plain shared memory
   // of exactly the right size that can neither shrink (which would make a read
   // fault) nor change its seals any more.
-  static std::unique_ptr<Region> Map(FileDescriptor memory);
+  static std::shared_ptr<Region> Map(FileDescriptor memory);
   ~Region();
   Region(const Region&) = delete;
   Region& operator=(const Region&) = delete;
