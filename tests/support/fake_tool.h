@@ -1,0 +1,57 @@
+// Stand-ins for system tools at their fixed paths.
+#ifndef ZU_TESTS_SUPPORT_FAKE_TOOL_H_
+#define ZU_TESTS_SUPPORT_FAKE_TOOL_H_
+
+#include <sys/types.h>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zu::test {
+
+// Makes the directories that `path` lies in, and the file.
+void WriteFile(const std::filesystem::path& path, std::string_view text,
+               mode_t mode = 0644);
+// All of it; empty when there is no such file.
+std::string ReadFile(const std::filesystem::path& path);
+
+// Puts a shell script in the place of `path` while it lives; a real file there
+// is only covered. Throws outside of a test root.
+class FakeTool {
+ public:
+  // `body` is what follows the "#!/bin/sh" line.
+  FakeTool(std::filesystem::path path, std::string_view body);
+  FakeTool(const FakeTool&) = delete;
+  FakeTool& operator=(const FakeTool&) = delete;
+  ~FakeTool();
+
+ protected:
+  const std::filesystem::path path_;
+
+ private:
+  std::filesystem::path script_;  // Empty unless it covers a real file.
+};
+
+// A fake tool that keeps a record of its calls and prints `output`. Calls must
+// not overlap.
+class RecordingTool {
+ public:
+  struct Call {
+    std::vector<std::string> arguments;    // Without the program's name.
+    std::vector<std::string> environment;  // "NAME=value", as passed.
+  };
+
+  RecordingTool(const std::filesystem::path& path, std::string_view output);
+
+  // The calls that have ended, oldest first.
+  std::vector<Call> Calls() const;
+
+ private:
+  const std::filesystem::path directory_;
+  const FakeTool tool_;
+};
+
+}  // namespace zu::test
+
+#endif  // ZU_TESTS_SUPPORT_FAKE_TOOL_H_

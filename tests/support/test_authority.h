@@ -1,0 +1,75 @@
+// Throw-away certificate authorities, and files that they signed.
+#ifndef ZU_TESTS_SUPPORT_TEST_AUTHORITY_H_
+#define ZU_TESTS_SUPPORT_TEST_AUTHORITY_H_
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "build_values.h"
+
+namespace zu::test {
+
+inline constexpr char kDeveloperIdName[] =
+    "Developer ID Application: " ZU_DEVELOPER_ID_NAME " (" ZU_DEVELOPER_ID_TEAM
+    ")";
+
+// A key, its certificate and, behind that, those above it but for the root:
+// PEM text, as files hold it.
+struct Credential {
+  std::string key;
+  std::string certificates;
+};
+
+// What a leaf says. The defaults are the vendor's.
+struct LeafOptions {
+  // Of the subject, in this order; may hold NULs.
+  std::vector<std::string> common_names = {kDeveloperIdName};
+  // As configuration files spell them; empty leaves the extension out.
+  std::string key_usage = "critical,digitalSignature";
+  std::string extended_key_usage = "codeSigning";
+  // From now, in seconds.
+  int64_t valid_from_s = -3600;
+  int64_t valid_until_s = 3600;
+  unsigned rsa_bits = 0;  // 0: an elliptic-curve key, which is quickly made.
+};
+
+// Every failure throws std::runtime_error.
+class TestAuthority {
+ public:
+  // A root, or with `parent` an authority below it. `extended_key_usage`
+  // as above.
+  explicit TestAuthority(const std::string& name = "Test Authority",
+                         const TestAuthority* parent = nullptr,
+                         const std::string& extended_key_usage = "");
+
+  Credential Issue(const LeafOptions& options = {}) const;
+
+  // The authority's own certificate.
+  const std::string& certificate() const { return certificate_; }
+
+  // Makes the directory, if need be, with the certificate as its only content.
+  void WriteAnchors(const std::filesystem::path& directory) const;
+
+ private:
+  std::string key_;
+  std::string certificate_;
+  // What comes behind a leaf's certificate: none for a root.
+  std::string chain_;
+};
+
+// What somebody who is no authority can make: a certificate that vouches for
+// itself, or one issued with a leaf's key.
+Credential MakeSelfSigned(const LeafOptions& options = {});
+Credential IssueBelow(const Credential& leaf, const LeafOptions& options = {});
+
+// Signs an ELF file in place, as zusign does. An empty identifier gives the
+// file's base name. What was signed is signed anew.
+void SignExecutable(const std::filesystem::path& file,
+                    const Credential& credential,
+                    const std::string& identifier = "");
+
+}  // namespace zu::test
+
+#endif  // ZU_TESTS_SUPPORT_TEST_AUTHORITY_H_
