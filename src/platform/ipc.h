@@ -8,6 +8,7 @@
 #ifndef ZU_PLATFORM_IPC_H_
 #define ZU_PLATFORM_IPC_H_
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -59,6 +60,17 @@ using IpcConnectionHandler =
 // A new serial queue. Connections that deliver on it keep it alive.
 // Null when the system refuses one.
 IpcQueueRef CreateSerialQueue(const char* label);
+
+// A queue has at most one consumer: a thread that works on what the handlers on
+// the queue pass on to it. AwaitSignal waits until somebody calls Signal, or
+// somebody did since it last returned; false when `timeout` passed first.
+// Waiting, the consumer may be the thread on which the queue delivers. Handlers
+// must therefore not wait for the consumer when they run on its thread.
+inline constexpr std::chrono::milliseconds kForever =
+    std::chrono::milliseconds::max();
+[[nodiscard]] bool AwaitSignal(IpcQueue& queue,
+                               std::chrono::milliseconds timeout);
+void Signal(IpcQueue& queue);
 
 // A listener for `service_name`, idle until it is resumed. Never fails here:
 // a name that cannot be taken comes as an error to the handler.

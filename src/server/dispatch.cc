@@ -20,7 +20,7 @@ namespace zu::server {
 namespace {
 
 // How long an idle worker keeps the memory of a large request.
-constexpr std::chrono::seconds kKeepMemory{5};
+constexpr std::chrono::milliseconds kKeepMemory{5000};
 
 // What may wait in the queue before the clients' queue has to. One alone would
 // cost a change of threads for each request; the bytes are a bound for large
@@ -39,8 +39,8 @@ struct RequestRecord {
 // destroyed: threads of a host that exits in disorder may still wait on it.
 struct Worker {
   std::mutex gXpcRequestQueueMutex;
-  std::condition_variable gWorkerThreadWakeup;
-  std::condition_variable room;  // The queue became shorter, or went.
+  platform::IpcQueueRef clients;  // Signalled for gWorkerThreadWakeup.
+  std::condition_variable room;   // The queue became shorter, or went.
   size_t queued_bytes = 0;
   std::condition_variable ended;
   // The thread, while there is one to join.
@@ -81,14 +81,15 @@ void Process(RequestProcessor& processor, const RequestRecord& record) {
 // requests left goes after a while without work.
 void WaitForWork(std::unique_lock<std::mutex>& lock,
                  RequestProcessor& processor) {
-  const auto has_work = [] {
-    return !g_worker.g_serverImpl_enable || !gXpcRequestQueue->isEmpty();
-  };
-  if (processor.HoldsMemory() &&
-      !g_worker.gWorkerThreadWakeup.wait_for(lock, kKeepMemory, has_work)) {
-    processor.Trim();
+  while (g_worker.g_serverImpl_enable && gXpcRequestQueue->isEmpty()) {
+    const platform::IpcQueueRef clients = g_worker.clients;
+    lock.unlock();
+    const bool holds = processor.HoldsMemory();
+    const bool signalled = platform::AwaitSignal(
+        *clients, holds ? kKeepMemory : platform::kForever);
+    if (holds && !signalled) processor.Trim();
+    lock.lock();
   }
-  g_worker.gWorkerThreadWakeup.wait(lock, has_work);
 }
 
 void RunWorker() {
@@ -110,6 +111,7 @@ void RunWorker() {
     g_worker.in_request = false;
   }
   g_worker.running = false;
+  g_worker.clients.reset();
   g_worker.ended.notify_all();
 }
 
@@ -127,22 +129,26 @@ void HandleRequest(const platform::IpcConnectionRef& client,
                    const platform::IpcMessageRef& message) {
   const auto record = std::make_shared<RequestRecord>(
       RequestRecord{client, message, platform::CreateReply(message)});
+  platform::IpcQueueRef clients;
   {
     std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
-    g_worker.room.wait(lock, HasRoom);
+    if (!OnWorkerThread()) g_worker.room.wait(lock, HasRoom);
     // Tested under the lock: past it, the worker or the stop finds the record.
     if (gShuttingDown || gXpcRequestQueue == nullptr) return;
     gXpcRequestQueue->enqueue(record);
     g_worker.queued_bytes += CountedSize(*record);
+    clients = g_worker.clients;
   }
   // Signalled without the lock, on which the worker would only wait again.
-  g_worker.gWorkerThreadWakeup.notify_one();
+  if (clients) platform::Signal(*clients);
 }
 
-bool StartWorker() {
+bool StartWorker(const platform::IpcQueueRef& clients) {
   std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
   delete std::exchange(gXpcRequestQueue, new ZuQueue);
   g_worker.queued_bytes = 0;
+  if (!clients) return false;
+  g_worker.clients = clients;
   g_worker.g_serverImpl_enable = true;
   // A callback that stopped the server and starts one again is still on the
   // old thread, which then simply goes on.
@@ -155,16 +161,19 @@ bool StartWorker() {
   g_worker.has_thread =
       ::pthread_create(&g_worker.gWorkerThread_id, nullptr,
                        &WorkerThread_ProcessXpcRequest, &g_worker) == 0;
-  g_worker.running = g_worker.has_thread;
-  g_worker.g_serverImpl_enable = g_worker.has_thread;
+  if (!g_worker.has_thread) {
+    g_worker.running = false;
+    g_worker.g_serverImpl_enable = false;
+    g_worker.clients.reset();
+  }
   return g_worker.has_thread;
 }
 
 void StopWorker() {
   std::unique_lock lock(g_worker.gXpcRequestQueueMutex);
   g_worker.g_serverImpl_enable = false;
-  g_worker.gWorkerThreadWakeup.notify_all();
   if (OnWorkerThread()) return;
+  if (g_worker.clients) platform::Signal(*g_worker.clients);
   g_worker.ended.wait(lock, [] { return !g_worker.running; });
   JoinEndedThread(std::move(lock));
 }

@@ -13,9 +13,10 @@ namespace zu::server {
 void HandleRequest(const platform::IpcConnectionRef& client,
                    const platform::IpcMessageRef& message);
 
-// Starts the worker over a new queue. False: no thread could be made; requests
-// then wait until the server stops.
-bool StartWorker();
+// Starts the worker over a new request queue, as the consumer of the clients'
+// queue. False: no thread could be made; requests then wait until the server
+// stops.
+bool StartWorker(const platform::IpcQueueRef& clients);
 
 // Has the worker end once the queue is empty and waits for that, unless this is
 // the worker's own thread: it then ends when the callback returns.

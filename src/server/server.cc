@@ -52,7 +52,7 @@ void Start() {
         Guarded("xpc_connection_set_event_handler",
                 [&] { HandleListenerEvent(client, queue); });
       });
-  if (StartWorker()) {
+  if (StartWorker(g_server.gClientDispQueue)) {
     LogError("ZuHelperOSX.StartServer: xpc worker thread created");
   } else {
     LogError("ZuHelperOSX.StartServer: xpc worker thread creation failed");

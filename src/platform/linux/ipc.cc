@@ -26,6 +26,13 @@ IpcQueueRef CreateSerialQueue(const char* /*label*/) {
   return loop ? std::make_shared<IpcQueue>(std::move(loop)) : nullptr;
 }
 
+bool AwaitSignal(IpcQueue& queue, std::chrono::milliseconds timeout) {
+  return queue.loop->AwaitSignal(
+      timeout == kForever ? -1 : static_cast<int>(timeout.count()));
+}
+
+void Signal(IpcQueue& queue) { queue.loop->Signal(); }
+
 void StopIpc() { StopEventLoops(); }
 
 IpcListenerRef CreateListener(const char* service_name) {

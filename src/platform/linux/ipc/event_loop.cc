@@ -1,9 +1,10 @@
 #include "platform/linux/ipc/event_loop.h"
 
 #include <sys/epoll.h>
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdlib>
+#include <chrono>
 #include <vector>
 
 #include "platform/linux/ipc/thread.h"
@@ -14,6 +15,8 @@ namespace {
 
 constexpr size_t kScratchSize = 65536;
 constexpr int kEventsAtOnce = 64;
+// How long the consumer may be away before the own thread takes over.
+constexpr std::chrono::milliseconds kPatience{5};
 
 epoll_event InputEvent(IpcConnection* connection) {
   epoll_event event{};
@@ -24,7 +27,9 @@ epoll_event InputEvent(IpcConnection* connection) {
 
 }  // namespace
 
-EventLoop::EventLoop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+EventLoop::EventLoop()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      scratch_(AllocateBody(kScratchSize)) {
   epoll_event event = InputEvent(nullptr);
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeup_.get(), &event);
 }
@@ -48,33 +53,85 @@ void EventLoop::WatchOutput(IpcConnection& connection, bool watch) {
 }
 
 void EventLoop::Release() {
-  {
-    const std::lock_guard lock(mutex_);
-    released_ = true;
-  }
+  const std::lock_guard lock(mutex_);
+  released_ = true;
+  watch_.notify_all();
   wakeup_.Set();
 }
 
 void EventLoop::Stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopped_ = true;
-  }
+  const std::lock_guard lock(mutex_);
+  stopped_ = true;
+  watch_.notify_all();
   wakeup_.Set();
 }
 
-bool EventLoop::IsOver() {
-  const std::lock_guard lock(mutex_);
+bool EventLoop::IsOver() const {
   return stopped_ || (released_ && connections_.empty());
 }
 
-void EventLoop::HandleEvents(IpcConnection& connection, uint32_t events,
-                             std::span<char> scratch) {
+void EventLoop::Signal() {
+  const std::lock_guard lock(mutex_);
+  signalled_ = true;
+  if (server_ == Server::kOwnThread) {
+    turn_.notify_all();
+  } else if (server_ == Server::kConsumer &&
+             consumer_ != std::this_thread::get_id()) {
+    wakeup_.Set();
+  }
+}
+
+bool EventLoop::AwaitSignal(int timeout_ms) {
+  std::unique_lock lock(mutex_);
+  if (server_ == Server::kOwnThread && !signalled_) {
+    asked_back_ = true;
+    wakeup_.Set();
+    turn_.wait(lock,
+               [this] { return server_ != Server::kOwnThread || signalled_; });
+    asked_back_ = false;
+  }
+  if (server_ == Server::kNobody) {
+    server_ = Server::kConsumer;
+    consumer_ = std::this_thread::get_id();
+    bool in_time = true;
+    while (!signalled_ && !stopped_ && in_time) {
+      lock.unlock();
+      // One event at a time, so that one client's requests are at work before
+      // the next client's are read. The kernel keeps the rest, in turn.
+      in_time = Poll(timeout_ms, 1);
+      lock.lock();
+    }
+    server_ = Server::kNobody;
+  }
+  ++absences_;
+  if (!std::exchange(watched_, true)) watch_.notify_all();
+  return std::exchange(signalled_, false);
+}
+
+bool EventLoop::Poll(int timeout_ms, int most) {
+  std::array<epoll_event, kEventsAtOnce> events;
+  const int count = RetryOnInterrupt([&] {
+    return ::epoll_wait(epoll_.get(), events.data(),
+                        std::min(most, kEventsAtOnce), timeout_ms);
+  });
+  for (int i = 0; i < count; ++i) {
+    if (events[i].data.ptr == nullptr) {
+      wakeup_.Clear();
+    } else {
+      HandleEvents(*static_cast<IpcConnection*>(events[i].data.ptr),
+                   events[i].events);
+    }
+  }
+  return count > 0;
+}
+
+void EventLoop::HandleEvents(IpcConnection& connection, uint32_t events) {
   if ((events & EPOLLOUT) != 0) connection.Flush();
   if ((events & ~uint32_t{EPOLLOUT}) == 0) return;
   // Out of memory costs that client its connection and nobody else anything.
-  if (Guarded("IpcReceive", false,
-              [&] { return connection.Receive(scratch); })) {
+  if (Guarded("IpcReceive", false, [&] {
+        return connection.Receive({scratch_.get(), kScratchSize});
+      })) {
     return;
   }
   connection.End();
@@ -88,29 +145,30 @@ void EventLoop::HandleEvents(IpcConnection& connection, uint32_t events,
 }
 
 void EventLoop::Run() {
-  const Body memory = AllocateBody(kScratchSize);
-  if (!memory) return;
-  const std::span<char> scratch(memory.get(), kScratchSize);
-  std::array<epoll_event, kEventsAtOnce> events;
+  std::unique_lock lock(mutex_);
+  const auto is_over = [this] { return IsOver(); };
   while (!IsOver()) {
-    const int count = RetryOnInterrupt([&] {
-      return ::epoll_wait(epoll_.get(), events.data(), kEventsAtOnce, -1);
-    });
-    for (int i = 0; i < count; ++i) {
-      if (events[i].data.ptr == nullptr) {
-        wakeup_.Clear();
-        continue;
-      }
-      HandleEvents(*static_cast<IpcConnection*>(events[i].data.ptr),
-                   events[i].events, scratch);
+    watch_.wait(lock, [this] { return watched_ || IsOver(); });
+    const uint64_t absences = absences_;
+    watch_.wait_for(lock, kPatience, is_over);
+    if (absences != absences_) continue;
+    if (server_ == Server::kConsumer) {
+      watched_ = false;  // It came back and nothing has happened since.
+      continue;
     }
+    server_ = Server::kOwnThread;
+    while (!asked_back_ && !IsOver()) {
+      lock.unlock();
+      Poll(-1, kEventsAtOnce);
+      lock.lock();
+    }
+    server_ = Server::kNobody;
+    turn_.notify_all();
   }
+  stopped_ = true;
   std::unordered_map<IpcConnection*, IpcConnectionRef> rest;
-  {
-    const std::lock_guard lock(mutex_);
-    stopped_ = true;
-    rest.swap(connections_);
-  }
+  rest.swap(connections_);
+  lock.unlock();
   for (const auto& [pointer, connection] : rest) connection->End();
 }
 
