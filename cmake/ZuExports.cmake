@@ -23,7 +23,10 @@ function(zu_link_exports target)
     set(list_file ${PROJECT_BINARY_DIR}/generated/exports.map)
     target_link_options(${target} PRIVATE
       -Wl,--version-script=${list_file} -Wl,-Bsymbolic-functions
-      -Wl,-z,relro,-z,now -Wl,--no-undefined)
+      -Wl,-z,relro,-z,now)
+    if(NOT ZU_SANITIZE)  # Its run-time library comes with the program.
+      target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    endif()
   else()
     set(list_file ${PROJECT_BINARY_DIR}/generated/exports.list)
     target_link_options(${target} PRIVATE

@@ -36,5 +36,5 @@ function(zu_unit_test file)
   target_link_libraries(${stem} PRIVATE
     zu_core zu_options GTest::gmock GTest::gtest_main ${ARGN})
   gtest_discover_tests(${stem} TEST_PREFIX "${stem}/" DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 60 SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+    PROPERTIES TIMEOUT ${ZU_TEST_TIMEOUT_s})
 endfunction()
