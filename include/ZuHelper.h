@@ -149,7 +149,8 @@ ZU_EXPORT void* WorkerThread_ProcessXpcRequest(void* unused);
  */
 ZU_EXPORT uint32_t Util_clientIsSignedByZubrant(int32_t pid);
 
-/* --------------------------------------------------------- UTF-16 strings -- */
+/* --------------------------------------------------------- UTF-16 strings --
+ */
 
 /**
  * The platform's string object: a CFStringRef on macOS, an object of this

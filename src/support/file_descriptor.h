@@ -2,8 +2,8 @@
 #ifndef ZU_SUPPORT_FILE_DESCRIPTOR_H_
 #define ZU_SUPPORT_FILE_DESCRIPTOR_H_
 
-#include <cerrno>
 #include <unistd.h>
+#include <cerrno>
 
 #include "support/scoped_handle.h"
 

@@ -1,7 +1,7 @@
 #include "support/log.h"
 
-#include <cstdarg>
 #include <syslog.h>
+#include <cstdarg>
 
 namespace zu {
 

@@ -15,8 +15,11 @@ namespace zu::test {
 // expectation that fails in it makes the status 1. Define it at namespace
 // scope, so that the child, which is this test program started again, has it:
 //
-//   const ChildScenario kStops("Stops", [](const Arguments&) { ... return 0;
-//   }); TEST(Server, Stops) { EXPECT_EQ(RunInChild(kStops).status, 0); }
+//   const ChildScenario kStops("Stops", [](const Arguments&) {
+//     ...
+//     return 0;
+//   });
+//   TEST(Server, Stops) { EXPECT_EQ(RunInChild(kStops).status, 0); }
 using Arguments = std::vector<std::string>;
 struct ChildScenario {
   using Body = int (*)(const Arguments&);

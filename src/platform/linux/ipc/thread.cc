@@ -22,7 +22,7 @@ std::optional<pthread_t> StartThread(const char* name,
   auto argument = std::make_unique<std::function<void()>>(std::move(body));
   sigset_t all;
   sigset_t before;
-  ::sigfillset(&all);
+  sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
   pthread_t thread{};
   const int error = ::pthread_create(&thread, nullptr, &Run, argument.get());

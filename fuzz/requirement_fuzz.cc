@@ -1,0 +1,31 @@
+// Text of the requirement language, parsed and evaluated.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "platform/linux/signing/requirement.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace zu::platform;
+  static const SignatureFacts facts = [] {
+    SignatureFacts made;
+    made.certificates.resize(3);
+    made.certificates[0].subject = {"leaf", "team", "vendor"};
+    made.certificates[2].subject[0] = "root";
+    made.identifier = "id";
+    made.anchor_trusted = true;
+    return made;
+  }();
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const auto rule = ParseRequirement(text);
+  if (!rule) return 0;
+  // Evaluates the same way when negated.
+  const auto negated = ParseRequirement("!(" + text + ")");
+  if (negated && Satisfies(facts, *rule) == Satisfies(facts, *negated)) {
+    std::abort();
+  }
+  Satisfies({}, *rule);
+  return 0;
+}

@@ -1,0 +1,45 @@
+// A libcrypto of our own inside the host's.
+#ifndef ZU_PLATFORM_LINUX_SIGNING_CRYPTO_CONTEXT_H_
+#define ZU_PLATFORM_LINUX_SIGNING_CRYPTO_CONTEXT_H_
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <span>
+
+#include "platform/linux/signing/openssl_ptr.h"
+
+namespace zu::platform {
+
+// A private library context with the built-in algorithms and no configuration
+// file, so that what the host (or its environment) sets up for itself cannot
+// change what we accept. Immutable, so any thread may use it.
+class CryptoContext {
+ public:
+  // Null when libcrypto cannot make one.
+  static std::shared_ptr<const CryptoContext> Create();
+
+  CryptoContext(const CryptoContext&) = delete;
+  CryptoContext& operator=(const CryptoContext&) = delete;
+
+  OSSL_LIB_CTX* get() const { return context_.get(); }
+
+  // The digest that `nid` names: SHA-256, SHA-384 or SHA-512. Null for others,
+  // which no signature may use.
+  const EVP_MD* Digest(int nid) const;
+
+  // One certificate in DER, at the start of `der`, which is shortened by it.
+  // Null when there is none; `der` is then unchanged.
+  CertificatePtr TakeCertificate(std::span<const std::byte>& der) const;
+
+ private:
+  CryptoContext() = default;
+
+  LibraryContextPtr context_;
+  ProviderPtr provider_;
+  std::array<DigestPtr, 3> digests_;
+};
+
+}  // namespace zu::platform
+
+#endif  // ZU_PLATFORM_LINUX_SIGNING_CRYPTO_CONTEXT_H_

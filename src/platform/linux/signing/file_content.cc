@@ -1,0 +1,51 @@
+#include "platform/linux/signing/file_content.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <limits>
+
+#include "support/file_descriptor.h"
+
+namespace zu::platform {
+
+bool ReadAt(int descriptor, uint64_t offset, std::span<std::byte> destination) {
+  if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) -
+                   destination.size()) {
+    errno = EOVERFLOW;
+    return false;
+  }
+  while (!destination.empty()) {
+    const ssize_t count = RetryOnInterrupt([&] {
+      return ::pread(descriptor, destination.data(), destination.size(),
+                     static_cast<off_t>(offset));
+    });
+    if (count <= 0) {
+      if (count == 0) errno = 0;
+      return false;
+    }
+    destination = destination.subspan(static_cast<size_t>(count));
+    offset += static_cast<uint64_t>(count);
+  }
+  return true;
+}
+
+std::optional<std::vector<std::byte>> DigestOfContent(int descriptor,
+                                                      uint64_t size,
+                                                      const EVP_MD& digest) {
+  const DigestContextPtr context(EVP_MD_CTX_new());
+  if (!context || EVP_DigestInit_ex2(context.get(), &digest, nullptr) != 1 ||
+      !ReadInChunks(descriptor, size, [&](std::span<const std::byte> chunk) {
+        return EVP_DigestUpdate(context.get(), chunk.data(), chunk.size()) == 1;
+      })) {
+    return std::nullopt;
+  }
+  std::vector<std::byte> value(static_cast<size_t>(EVP_MD_get_size(&digest)));
+  if (EVP_DigestFinal_ex(context.get(),
+                         reinterpret_cast<unsigned char*>(value.data()),
+                         nullptr) != 1) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+}  // namespace zu::platform

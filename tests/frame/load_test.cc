@@ -1,0 +1,122 @@
+// Loading and unloading the built library, as a host does it at run time.
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "ZuHelper.h"
+#include "build_values.h"
+#include "tests/support/child_process.h"
+#include "tests/support/loaded_library.h"
+#include "tests/support/process_state.h"
+#include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+using zu::test::Arguments;
+using zu::test::ChildScenario;
+using zu::test::CountThreads;
+using zu::test::LoadedLibrary;
+using zu::test::WaitUntil;
+
+constexpr char kSocket[] = ZU_SOCKET_DIRECTORY "/" ZU_AGENT_SERVICE_NAME;
+
+bool g_host_was_called = false;
+std::atomic<int> g_signals{0};
+
+LoadedLibrary LoadWithServer() {
+  LoadedLibrary library = zu::test::LoadLibrary();
+  if (!library.valid()) throw std::runtime_error(::dlerror());
+  const size_t before = CountThreads();
+  EXPECT_EQ(ZU_FIND(library, ZuStartServer)(), 0u);
+  EXPECT_GT(CountThreads(), before);
+  EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(kSocket); }));
+  return library;
+}
+
+}  // namespace
+
+// A host's own function of the same name, which a dynamic symbol look-up would
+// find before the library's.
+uint32_t StartServer(void) {
+  g_host_was_called = true;
+  return 0;
+}
+
+namespace {
+
+// Nothing of the library may stay: what ran on would run into unmapped code.
+const ChildScenario kUnloads("Unloads", [](const Arguments&) {
+  const size_t before = CountThreads();
+  LoadedLibrary library = LoadWithServer();
+  EXPECT_FALSE(g_host_was_called);
+  ZU_FIND(library, ZuLogToSystem)(nullptr);
+
+  utsname system;
+  unsigned numbers[3] = {};
+  ::uname(&system);
+  std::sscanf(system.release, "%u.%u.%u", &numbers[0], &numbers[1],
+              &numbers[2]);
+  EXPECT_EQ(*ZU_FIND(library, gOSVersion),
+            numbers[0] * 1000000 + numbers[1] * 1000 + numbers[2]);
+
+  library.reset();
+  EXPECT_FALSE(zu::test::IsLibraryLoaded());
+  EXPECT_TRUE(WaitUntil([=] { return CountThreads() == before; }));
+  return 0;
+});
+
+// A forked child that exits in the ordinary way must not take down what its
+// parent still uses; the parent's own exit, with the server running, must.
+const ChildScenario kForks("Forks", [](const Arguments&) {
+  LoadedLibrary library = LoadWithServer();
+  const size_t threads = CountThreads();
+  const pid_t child = ::fork();
+  if (child == 0) std::exit(0);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::filesystem::exists(kSocket));
+  EXPECT_EQ(CountThreads(), threads);
+  EXPECT_EQ(ZU_FIND(library, ZuBroadcastMessageWithNoReply)("x", 1), 0u);
+  (void)library.release();  // The exit handlers are to find it.
+  return 0;
+});
+
+// Signals that the host handles interrupt the parked thread, again and again.
+const ChildScenario kParks("Parks", [](const Arguments&) {
+  const LoadedLibrary library = zu::test::LoadLibrary();
+  ::signal(SIGUSR1, [](int) { ++g_signals; });
+  std::thread([parked = ::pthread_self()] {
+    for (int sent = 1; sent <= 20; ++sent) {
+      ::pthread_kill(parked, SIGUSR1);
+      if (!WaitUntil([=] { return g_signals >= sent; })) ::_exit(2);
+    }
+    ::_exit(0);
+  }).detach();
+  ZU_FIND(library, ZuDispatchMain)();
+  return 3;
+});
+
+using LoadTest = zu::test::RootedTest;
+
+TEST_F(LoadTest, InAProcessOfItsOwn) {
+  for (const ChildScenario* scenario : {&kUnloads, &kForks, &kParks}) {
+    const zu::test::ChildResult result = zu::test::RunInChild(*scenario);
+    EXPECT_EQ(result.status, 0) << scenario->name << '\n' << result.output;
+    EXPECT_FALSE(std::filesystem::exists(kSocket)) << scenario->name;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// The UTF-16 conversions, through the exported names.
+
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ZuHelper.h"
+
+namespace {
+
+constexpr uint16_t kUntouched = 0xBEEF;
+using Buffer = std::array<uint16_t, 12>;
+
+Buffer MakeBuffer() {
+  Buffer buffer;
+  buffer.fill(kUntouched);
+  return buffer;
+}
+
+// Each copier puts "abcdefghij" (ASCII is Mac OS Roman too) into a buffer.
+struct Copier {
+  const char* name;
+  void (*copy)(uint16_t* destination, uint32_t capacity);
+};
+
+const Copier kCopiers[] = {
+    {"UniStrncpy",
+     [](uint16_t* destination, uint32_t capacity) {
+       const char16_t* const text = u"abcdefghij";
+       UniStrncpy(destination, reinterpret_cast<const uint16_t*>(text),
+                  capacity);
+     }},
+    {"FromCFString",
+     [](uint16_t* destination, uint32_t capacity) {
+       const uint16_t units[] = {'a', 'b', 'c', 'd', 'e',
+                                 'f', 'g', 'h', 'i', 'j'};
+       const ZuStringRef string = ZuStringCreate(units, 10);
+       GetUnicodeStrFromCFString(string, destination, capacity);
+       ZuStringRelease(string);
+     }},
+    {"FromCString",
+     [](uint16_t* destination, uint32_t capacity) {
+       GetUnicodeStrFromCString("abcdefghij", destination, capacity);
+     }},
+};
+
+class CopierTest : public ::testing::TestWithParam<Copier> {};
+
+// Exactly the first min(10, capacity - 1) units and a terminator are written.
+TEST_P(CopierTest, CutsAndTerminates) {
+  for (const uint32_t capacity : {0u, 1u, 2u, 4u, 10u, 11u, 12u, ~0u}) {
+    Buffer buffer = MakeBuffer();
+    GetParam().copy(buffer.data(), capacity);
+    Buffer expected = MakeBuffer();
+    if (capacity > 0) {
+      const size_t length = std::min<size_t>(10, capacity - 1);
+      std::copy_n(u"abcdefghij", length, expected.begin());
+      expected[length] = 0;
+    }
+    EXPECT_EQ(buffer, expected) << capacity;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, CopierTest, ::testing::ValuesIn(kCopiers),
+                         [](const auto& row) {
+                           return std::string(row.param.name);
+                         });
+
+TEST(Utf16, NothingGivesNothing) {
+  Buffer buffer = MakeBuffer();
+  UniStrncpy(buffer.data(), nullptr, buffer.size());
+  EXPECT_EQ(buffer, MakeBuffer());
+  UniStrncpy(nullptr, buffer.data(), buffer.size());
+
+  GetUnicodeStrFromCFString(nullptr, buffer.data(), 8);
+  Buffer empty = MakeBuffer();
+  empty[0] = 0;
+  EXPECT_EQ(buffer, empty);
+
+  EXPECT_EQ(ZuStringCreate(nullptr, 1), nullptr);
+  ZuStringRelease(nullptr);
+  const ZuStringRef string = ZuStringCreate(nullptr, 0);
+  ASSERT_NE(string, nullptr);
+  ZuStringRelease(string);
+  EXPECT_EQ(Unistr2Cstr(nullptr), nullptr);
+}
+
+// A string object keeps NULs and halves of pairs, and cuts between the two.
+TEST(Utf16, StringObjectIsRaw) {
+  const uint16_t units[] = {0xDE00, 0, 0xD83D, 0xDE00};
+  const ZuStringRef string = ZuStringCreate(units, 4);
+  Buffer buffer = MakeBuffer();
+  GetUnicodeStrFromCFString(string, buffer.data(), 4);
+  ZuStringRelease(string);
+  Buffer expected = MakeBuffer();
+  std::copy_n(units, 3, expected.begin());
+  expected[3] = 0;
+  EXPECT_EQ(buffer, expected);
+}
+
+// Every byte against the C library's converter, except for the two at which
+// that one does not follow the platform's table.
+TEST(Utf16, BytesAreMacRoman) {
+  const iconv_t converter = ::iconv_open("UTF-16LE", "MACINTOSH");
+  if (converter == reinterpret_cast<iconv_t>(-1)) {
+    GTEST_SKIP() << "the C library has no MACINTOSH converter";
+  }
+  for (int byte = 1; byte < 256; ++byte) {
+    char text[] = {static_cast<char>(byte), '\0'};
+    uint16_t expected = 0;
+    char* in = text;
+    size_t in_left = 1;
+    char* out = reinterpret_cast<char*>(&expected);
+    size_t out_left = sizeof expected;
+    ASSERT_EQ(::iconv(converter, &in, &in_left, &out, &out_left), 0u) << byte;
+    if (byte == 0xC6) expected = 0x2206;
+    if (byte == 0xF0) expected = 0xF8FF;
+    uint16_t units[3] = {};
+    GetUnicodeStrFromCString(text, units, 3);
+    EXPECT_EQ(units[0], expected) << byte;
+    EXPECT_EQ(units[1], 0) << byte;
+  }
+  ::iconv_close(converter);
+}
+
+TEST(Utf16, ToUtf8) {
+  struct Case {
+    std::u16string units;
+    std::string_view text;
+  };
+  const Case cases[] = {
+      {u"", ""},
+      {u"plain", "plain"},
+      {u"\u007F\u0080\u00E9\u07FF", "\x7F\xC2\x80\xC3\xA9\xDF\xBF"},
+      {u"\u0800\uD7FF\uE000\uFFFF",
+       "\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF"},
+      {u"\U00010000\U0010FFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+      // A surrogate without its partner: at the end, before another character,
+      // the wrong way round, twice the high one.
+      {{u'a', 0xD800}, ""},
+      {{0xDBFF, u'a'}, ""},
+      {{u'a', 0xDC00, 0xD800}, ""},
+      {{0xD800, 0xD800, 0xDC00}, ""},
+  };
+  for (const Case& c : cases) {
+    const std::unique_ptr<char, decltype(&std::free)> text(
+        Unistr2Cstr(reinterpret_cast<const uint16_t*>(c.units.c_str())),
+        &std::free);
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string_view(text.get()), c.text);
+  }
+}
+
+}  // namespace
