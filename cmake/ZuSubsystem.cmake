@@ -35,6 +35,6 @@ function(zu_unit_test file)
   add_executable(${stem} ${file})
   target_link_libraries(${stem} PRIVATE
     zu_core zu_options GTest::gmock GTest::gtest_main ${ARGN})
-  gtest_discover_tests(${stem} TEST_PREFIX "${stem}/" DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${ZU_TEST_TIMEOUT_s})
+  gtest_discover_tests(${stem} TEST_PREFIX "${stem}/" NO_PRETTY_VALUES
+    DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ZU_TEST_TIMEOUT_s})
 endfunction()

@@ -7,15 +7,17 @@
 #include "platform/linux/signing/certificates.h"
 #include "platform/linux/signing/cms_signature.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace zu::platform;
+namespace zu::platform {
+namespace {
+
+void Check(const uint8_t* data, size_t size) {
   static const auto context = CryptoContext::Create();
   static const StorePtr no_anchors(X509_STORE_new());
   const ScopedErrorMark mark;
   CmsSignature signature;
   if (signature.Parse(context, std::as_bytes(std::span(data, size))) !=
       CmsSignature::ParseResult::kOk) {
-    return 0;
+    return;
   }
   (void)signature.VerifySignature();
   (void)signature.signing_time();
@@ -29,5 +31,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           .status == 0) {
     std::abort();
   }
+}
+
+}  // namespace
+}  // namespace zu::platform
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  zu::platform::Check(data, size);
   return 0;
 }

@@ -7,8 +7,10 @@
 
 #include "platform/linux/signing/requirement.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace zu::platform;
+namespace zu::platform {
+namespace {
+
+void Check(const uint8_t* data, size_t size) {
   static const SignatureFacts facts = [] {
     SignatureFacts made;
     made.certificates.resize(3);
@@ -20,12 +22,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }();
   const std::string text(reinterpret_cast<const char*>(data), size);
   const auto rule = ParseRequirement(text);
-  if (!rule) return 0;
+  if (!rule) return;
   // Evaluates the same way when negated.
   const auto negated = ParseRequirement("!(" + text + ")");
   if (negated && Satisfies(facts, *rule) == Satisfies(facts, *negated)) {
     std::abort();
   }
   Satisfies({}, *rule);
+}
+
+}  // namespace
+}  // namespace zu::platform
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  zu::platform::Check(data, size);
   return 0;
 }

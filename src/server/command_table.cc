@@ -1,12 +1,14 @@
 #include "server/command_table.h"
 
 #include "support/guarded.h"
+#include "support/never_destroyed.h"
 
 namespace zu::server {
 
 // Never destroyed: the worker of a host that exits without stopping the server
 // may still look a command up.
-CommandTable& uiCmdMap = *new CommandTable;
+static NeverDestroyed<CommandTable> g_commands;
+CommandTable& uiCmdMap = g_commands.value;
 
 void CommandTable::Create() {
   const std::lock_guard lock(mutex_);

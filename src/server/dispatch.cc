@@ -13,6 +13,7 @@
 #include "server/zu_queue.h"
 #include "support/guarded.h"
 #include "support/log.h"
+#include "support/never_destroyed.h"
 
 ZuQueue* gXpcRequestQueue = nullptr;
 
@@ -48,10 +49,11 @@ struct Worker {
   bool has_thread = false;
   // The thread has not yet left its loop.
   bool running = false;
-  bool in_request = false;
+  bool in_request = false;  // And so perhaps inside a callback of the host.
   bool g_serverImpl_enable = false;
 };
-Worker& g_worker = *new Worker;
+NeverDestroyed<Worker> g_worker_storage;
+Worker& g_worker = g_worker_storage.value;
 
 bool OnWorkerThread() {
   return g_worker.has_thread &&
@@ -68,13 +70,6 @@ bool HasRoom() {
   return gXpcRequestQueue == nullptr ||
          (gXpcRequestQueue->size() < kMaxQueuedRequests &&
           g_worker.queued_bytes < kMaxQueuedBytes);
-}
-
-void Process(RequestProcessor& processor, const RequestRecord& record) {
-  processor.ProcessXpcRequest(*record.message, record.reply.get());
-  if (record.reply && !gShuttingDown) {
-    platform::SendMessage(*record.client, record.reply);
-  }
 }
 
 // Waits until there is a request or nothing more to wait for. Memory that large
@@ -105,14 +100,27 @@ void RunWorker() {
     g_worker.in_request = true;
     lock.unlock();
     g_worker.room.notify_one();
-    Guarded("ProcessXpcRequest", [&] { Process(processor, *record); });
-    record.reset();
+    Guarded("ProcessXpcRequest", [&record, &processor] {
+      processor.ProcessXpcRequest(*record->message, record->reply.get());
+    });
     lock.lock();
     g_worker.in_request = false;
+    lock.unlock();
+    // After that, so that nobody who has the answer finds the worker busy.
+    if (record->reply && !gShuttingDown) {
+      platform::SendMessage(*record->client, record->reply);
+    }
+    record.reset();
+    lock.lock();
   }
   g_worker.running = false;
   g_worker.clients.reset();
   g_worker.ended.notify_all();
+}
+
+void DropRequests() {
+  gXpcRequestQueue->clear();
+  g_worker.queued_bytes = 0;
 }
 
 // Gives back a thread that has left its loop. Takes `lock` with it.
@@ -178,19 +186,20 @@ void StopWorker() {
   JoinEndedThread(std::move(lock));
 }
 
-bool IsInsideRequest() {
-  const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
-  return g_worker.in_request;
-}
-
 void ReleaseRequestQueue(void (*released)()) {
   const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
   if (gXpcRequestQueue == nullptr) return;
   released();
-  gXpcRequestQueue->clear();
-  g_worker.queued_bytes = 0;
+  DropRequests();
   delete std::exchange(gXpcRequestQueue, nullptr);
   g_worker.room.notify_all();
+}
+
+bool AbandonRequests() {
+  const std::lock_guard lock(g_worker.gXpcRequestQueueMutex);
+  if (g_worker.in_request) return false;
+  if (gXpcRequestQueue != nullptr) DropRequests();
+  return true;
 }
 
 }  // namespace zu::server

@@ -26,8 +26,10 @@ void StopWorker();
 // called before that.
 void ReleaseRequestQueue(void (*released)());
 
-// The worker is at a request, and so perhaps inside a callback of the host.
-bool IsInsideRequest();
+// Drops what is queued, so that no callback begins any more, unless the worker
+// is at a request and so perhaps inside one: false, with nothing changed. For a
+// server that is shutting down.
+bool AbandonRequests();
 
 }  // namespace zu::server
 

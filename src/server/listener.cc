@@ -6,12 +6,13 @@
 #include "server/server_state.h"
 #include "support/guarded.h"
 #include "support/log.h"
+#include "support/never_destroyed.h"
 
 namespace zu::server {
 
-ClientList& gClientConnections = *new ClientList;
-
 namespace {
+
+NeverDestroyed<ClientList> g_client_connections;
 
 using platform::IpcConnectionRef;
 using platform::IpcEvent;
@@ -91,6 +92,8 @@ void HandleNewClient(const IpcConnectionRef& client,
 }
 
 }  // namespace
+
+ClientList& gClientConnections = g_client_connections.value;
 
 void HandleListenerEvent(const IpcConnectionRef& client,
                          const platform::IpcQueueRef& queue) {

@@ -13,6 +13,7 @@
 #include "server/server_state.h"
 #include "support/guarded.h"
 #include "support/log.h"
+#include "support/never_destroyed.h"
 
 namespace zu::server {
 
@@ -32,7 +33,8 @@ struct Server {
   IpcListenerRef _serverConn;
   IpcQueueRef gClientDispQueue;
 };
-Server& g_server = *new Server;
+NeverDestroyed<Server> g_server_storage;
+Server& g_server = g_server_storage.value;
 
 void Start() {
   LogError("> ZuHelperOSX.StartServer:");
@@ -100,7 +102,7 @@ void LeaveServer() {
   gShuttingDown = true;
   // From inside a callback the host is leaving for good, and everything that
   // waits for that callback is left as it is.
-  if (IsInsideRequest()) return;
+  if (!AbandonRequests()) return;
   IpcListenerRef listener;
   IpcQueueRef queue;
   TakeOver(listener, queue);

@@ -14,8 +14,9 @@ namespace zu::test {
 // build tree, /proc and /sys are the real ones.
 //
 // For the test main, before any thread exists. Uses root's rights, or else a
-// user namespace in which the process is root. On a machine that allows neither
-// nothing is changed, and RootFailure() says why.
+// user namespace in which the process is root; there a file that somebody else
+// owns can be replaced or covered but not changed. On a machine that allows
+// neither nothing is changed, and RootFailure() says why.
 void EnterTestRoot();
 
 // Also true in a child that runs a program there.

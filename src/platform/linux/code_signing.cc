@@ -10,6 +10,7 @@
 #include "platform/linux/signing/requirement.h"
 #include "platform/linux/signing/status.h"
 #include "platform/linux/signing/verifier.h"
+#include "support/never_destroyed.h"
 
 namespace zu::platform {
 
@@ -59,20 +60,16 @@ class SharedVerifier {
   std::shared_ptr<Verifier> verifier_;
 };
 
-// Not destroyed, so that it can be used at any time.
-union Undestroyed {
-  constexpr Undestroyed() : verifier() {}
-  ~Undestroyed() {}
-  SharedVerifier verifier;
-};
-constinit Undestroyed g_shared;
+constinit NeverDestroyed<SharedVerifier> g_shared;
 
 // Exit handlers run in reverse. The early priority puts libcrypto's own before
 // this one, and this one before those that stop the library's threads: first
 // nobody verifies any more, then the verifier goes, then libcrypto.
 struct VerifierLifetime {
-  VerifierLifetime() { OPENSSL_init_crypto(0, nullptr); }
-  ~VerifierLifetime() { g_shared.verifier.Close(); }
+  // Without any option nothing would be done and no handler registered; this
+  // one costs next to nothing and changes nothing for the host.
+  VerifierLifetime() { OPENSSL_init_crypto(OPENSSL_INIT_ASYNC, nullptr); }
+  ~VerifierLifetime() { g_shared.value.Close(); }
 };
 [[gnu::init_priority(101)]] const VerifierLifetime g_lifetime;
 
@@ -95,7 +92,7 @@ CodeKind KindOf(const Code& /*code*/) { return CodeKind::kDynamic; }
 
 int32_t CheckStaticCodeValidity(const Code& code, uint32_t flags,
                                 const Requirement* requirement) {
-  const std::shared_ptr<Verifier> verifier = g_shared.verifier.Get();
+  const std::shared_ptr<Verifier> verifier = g_shared.value.Get();
   if (!verifier) return kCodeSigningInternalError;
   const Verification verification = verifier->Verify(
       code.process.executable(),

@@ -16,6 +16,7 @@
 
 #include "platform/macos/ipc_wire.h"
 #include "support/guarded.h"
+#include "support/never_destroyed.h"
 #include "support/scoped_handle.h"
 
 namespace zu::platform {
@@ -103,7 +104,8 @@ namespace {
 
 // Held by handler calls together, and alone to stop them. Never destroyed:
 // XPC's threads go on while the process exits.
-std::shared_mutex& g_gate = *new std::shared_mutex;
+NeverDestroyed<std::shared_mutex> g_gate_storage;
+std::shared_mutex& g_gate = g_gate_storage.value;
 bool g_stopped = false;
 
 // What a connection's block works with. XPC copies and destroys blocks, so they

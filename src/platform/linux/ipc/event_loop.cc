@@ -9,6 +9,7 @@
 
 #include "platform/linux/ipc/thread.h"
 #include "support/guarded.h"
+#include "support/never_destroyed.h"
 
 namespace zu::platform {
 namespace {
@@ -186,7 +187,8 @@ struct LoopThreads {
   std::mutex mutex;
   std::vector<Entry> entries;
 };
-LoopThreads& g_threads = *new LoopThreads;
+NeverDestroyed<LoopThreads> g_threads_storage;
+LoopThreads& g_threads = g_threads_storage.value;
 
 }  // namespace
 
