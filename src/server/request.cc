@@ -18,26 +18,23 @@ constexpr size_t kMaxRequestSize = ZU_MESSAGE_MAX;
 constexpr uint32_t kMaxReplyLength = ZU_MESSAGE_MAX - 1;
 constexpr std::string_view kErrorReply = "{\"RESP\":-2}";
 
-struct Free {
-  void operator()(char* memory) const { std::free(memory); }
-};
-using HeapBuffer = std::unique_ptr<char, Free>;
-
-// Room for `capacity` bytes of text, the NUL that may follow at that index and
-// what the parser reads beyond. Null when memory is short.
-HeapBuffer AllocateBuffer(size_t capacity) {
+// False, with the buffer as it was, when memory is short.
+bool Allocate(HeapBuffer& buffer, size_t capacity) {
   constexpr size_t kLine = 64;
   const size_t size = capacity + 1 + platform::kJsonTail;
-  return HeapBuffer(static_cast<char*>(
-      std::aligned_alloc(kLine, (size + kLine - 1) / kLine * kLine)));
+  char* const memory = static_cast<char*>(
+      std::aligned_alloc(kLine, (size + kLine - 1) / kLine * kLine));
+  if (memory == nullptr) return false;
+  buffer.memory.reset(memory);
+  buffer.capacity = capacity;
+  return true;
 }
 
-// The text under work: the fixed buffer or one on the heap.
+// The text under work: in the fixed buffer or in one on the heap.
 struct Work {
   char* text;
   uint32_t capacity;
   uint32_t length;
-  HeapBuffer heap;
 };
 
 void SetError(platform::IpcMessage* reply) {
@@ -75,11 +72,11 @@ ZuCommandCallback FindCallback(platform::JsonReader& json, const Work& work,
 
 // Puts a larger buffer, as the callback asked for in `work.length`, in place of
 // the one it has; the request text goes along. False when memory is short.
-bool Grow(Work& work, uint32_t request_length) {
+bool Grow(Work& work, HeapBuffer& heap, uint32_t request_length) {
   const uint32_t size = std::min(work.length, kMaxReplyLength) + 1;
   work.length = request_length;
-  HeapBuffer larger = AllocateBuffer(size);
-  if (!larger) {
+  HeapBuffer larger;
+  if (!Allocate(larger, size)) {
     LogError(
         "ZuHelperOSX.ProcessXpcRequest: error re-allocating xpcMessage of "
         "length %zu",
@@ -91,10 +88,10 @@ bool Grow(Work& work, uint32_t request_length) {
   // heap may still hold another client's bytes.
   const size_t text =
       ::strnlen(work.text, std::min<size_t>(work.capacity, size));
-  std::memcpy(larger.get(), work.text, text);
-  std::memset(larger.get() + text, 0, size + 1 - text);
-  work.heap = std::move(larger);
-  work.text = work.heap.get();
+  std::memcpy(larger.memory.get(), work.text, text);
+  std::memset(larger.memory.get() + text, 0, size + 1 - text);
+  heap = std::move(larger);
+  work.text = heap.memory.get();
   work.capacity = size;
   return true;
 }
@@ -112,21 +109,19 @@ void RequestProcessor::ProcessXpcRequest(const platform::IpcMessage& message,
     return;
   }
   const auto request_length = static_cast<uint32_t>(size);
-  Work work{fixed_.data(), kFixedCapacity, request_length, nullptr};
+  Work work{fixed_.data(), kFixedCapacity, request_length};
   size_t readable = fixed_.size();
   if (size > kFixedCapacity) {
     work.capacity = request_length + 1;
-    work.heap = AllocateBuffer(work.capacity);
-    work.text = work.heap.get();
     readable = work.capacity + 1 + platform::kJsonTail;
-    holds_memory_ = true;
-    if (!work.heap) {
+    if (heap_.capacity < work.capacity && !Allocate(heap_, work.capacity)) {
       LogError(
           "< ZuHelperOSX.ProcessXpcRequest: error allocating xpcMessage of "
           "length %zu",
           size_t{work.capacity});
       return;
     }
+    work.text = heap_.memory.get();
   }
   platform::CopyBody(message, work.text);
   // The terminator, and nothing of an earlier request behind it.
@@ -136,7 +131,7 @@ void RequestProcessor::ProcessXpcRequest(const platform::IpcMessage& message,
   if (const auto callback = FindCallback(json_, work, readable)) {
     callback(work.text, work.capacity, &work.length);
     if (work.length > work.capacity) {
-      if (!Grow(work, request_length)) {
+      if (!Grow(work, heap_, request_length)) {
         SetError(reply);
         return;
       }
@@ -150,8 +145,8 @@ void RequestProcessor::ProcessXpcRequest(const platform::IpcMessage& message,
 }
 
 void RequestProcessor::Trim() {
+  heap_ = {};
   json_.Trim();
-  holds_memory_ = false;
 }
 
 }  // namespace zu::server

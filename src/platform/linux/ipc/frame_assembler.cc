@@ -9,8 +9,12 @@ namespace zu::platform {
 
 Body AllocateBody(size_t size) {
   constexpr size_t kCacheLine = 64;
-  const size_t lines =
-      std::max<size_t>((size + kCacheLine - 1) / kCacheLine, 1);
+  // Alignment costs more than it gains for what fits the nearest cache.
+  constexpr size_t kSmall = 8192;
+  if (size <= kSmall) {
+    return Body(static_cast<char*>(std::malloc(std::max<size_t>(size, 1))));
+  }
+  const size_t lines = (size + kCacheLine - 1) / kCacheLine;
   return Body(
       static_cast<char*>(std::aligned_alloc(kCacheLine, lines * kCacheLine)));
 }

@@ -18,8 +18,8 @@
 
 namespace zu::platform {
 
-// Memory from the C library, on a line of the cache: copies of some tens of KiB
-// into other places are many times slower.
+// Memory from the C library; of some size, it begins on a line of the cache:
+// copies of some tens of KiB into other places are many times slower.
 struct FreeBody {
   void operator()(char* memory) const { std::free(memory); }
 };
