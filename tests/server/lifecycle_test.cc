@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "client/zu_client.hpp"
+#include "support/never_destroyed.h"
 #include "tests/server/signed_test.h"
 #include "tests/support/system_log.h"
 
@@ -150,7 +151,9 @@ const ChildScenario kFromCallback("FromCallback", [](const Arguments& how) {
 const ChildScenario kNoStop("NoStop", [](const Arguments& how) {
   ZuSetServerCallbackForCommand("EXIT", &ExitInside);
   ZuStartServer();
-  static Client client;
+  // A call on it is still under way when a callback leaves.
+  static NeverDestroyed<Client> never_destroyed;
+  Client& client = never_destroyed.value;
   client.Connect();
   if (how[0] == "Return") return client.Request("{}", kWait_ms) ? 0 : 1;
   (void)client.Request("{\"CMD_\":\"EXIT\"}", kWait_ms);
