@@ -30,7 +30,7 @@ inline constexpr uint32_t kCheckNestedCode = 1u << 3;
 inline constexpr int32_t kCodeSigningSuccess = 0;
 inline constexpr int32_t kCodeSigningUnsigned = -67062;
 inline constexpr int32_t kCodeSigningSignatureFailed = -67061;
-inline constexpr int32_t kCodeSigningNotSupported = -67060;
+inline constexpr int32_t kCodeSigningNotVerifiable = -67060;
 inline constexpr int32_t kCodeSigningRequirementFailed = -67050;
 inline constexpr int32_t kCodeSigningNoSuchCode = -67065;
 

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <mutex>
+#include <thread>
 
 #include "client/zu_client.hpp"
 #include "tests/server/signed_test.h"
@@ -260,7 +262,41 @@ const ChildScenario kBroadcasts("Broadcasts", [](const Arguments&) {
   return 0;
 });
 
+// While a callback takes its time, output still flows to those who read, and
+// what clients send is still taken in.
+const ChildScenario kSlowCallback("SlowCallback", [](const Arguments&) {
+  ZuSetServerCallbackForCommand("RECORD", &Record);
+  ZuStartServer();
+  Client listener = ConnectToServer();
+  Client requester = ConnectToServer();
+  EXPECT_TRUE(listener.Request("{}", kWait_ms));
+  std::promise<void> entered;
+  std::promise<void> heard;
+  SetAnswer([&](char*, uint32_t, uint32_t*) {
+    entered.set_value();
+    heard.get_future().wait();
+  });
+  std::thread slow([&requester] {
+    EXPECT_TRUE(requester.Request(RequestOfSize(100), kWait_ms));
+  });
+  entered.get_future().wait();
+  // Together more than any socket holds, so that it takes a thread to send.
+  const std::string text(1 << 20, 'b');
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(ZuBroadcastMessageWithNoReply(text.data(), 1 << 20), 0u);
+  }
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_TRUE(listener.Receive(kWait_ms).text() == text);
+  }
+  heard.set_value();
+  slow.join();
+  ZuStopServer();
+  return 0;
+});
+
 using ServerRequestTest = SignedTest;
+
+TEST_F(ServerRequestTest, SendsWhileACallbackIsSlow) { Expect(kSlowCallback); }
 
 TEST_F(ServerRequestTest, AnswersByTheTable) { Expect(kAnswers); }
 TEST_F(ServerRequestTest, GivesEachRequestItsBuffer) { Expect(kBuffers); }

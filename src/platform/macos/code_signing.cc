@@ -26,7 +26,7 @@ static_assert(kCheckNestedCode == kSecCSCheckNestedCode);
 static_assert(kCodeSigningSuccess == errSecSuccess);
 static_assert(kCodeSigningUnsigned == errSecCSUnsigned);
 static_assert(kCodeSigningSignatureFailed == errSecCSSignatureFailed);
-static_assert(kCodeSigningNotSupported == errSecCSSignatureNotVerifiable);
+static_assert(kCodeSigningNotVerifiable == errSecCSSignatureNotVerifiable);
 static_assert(kCodeSigningRequirementFailed == errSecCSReqFailed);
 static_assert(kCodeSigningNoSuchCode == errSecCSNoSuchCode);
 

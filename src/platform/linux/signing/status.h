@@ -6,8 +6,6 @@
 
 namespace zu::platform {
 
-// The code or its signature cannot be read.
-inline constexpr int32_t kCodeSigningNotVerifiable = -67060;
 // A signature of a kind that is not supported.
 inline constexpr int32_t kCodeSigningSignatureUnsupported = -67059;
 // The process has replaced its executable.
