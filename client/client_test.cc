@@ -81,6 +81,7 @@ class Server {
   explicit Server(FileDescriptor socket) : socket_(std::move(socket)) {
     const timeval limit = {kLong / 1000, 0};
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
   }
   ~Server() {
     if (region_ != nullptr) ::munmap(region_, platform::kRegionSize);
@@ -332,6 +333,9 @@ TEST(ClientTest, BroadcastsDoNotPutOffTheDeadline) {
   std::atomic<bool> stop = false;
   std::thread server([&] {
     const std::string broadcast = Frame(FrameKind::kMessage, 0, "noise");
+    // With nothing left to read, the pause below is one: the thread must not
+    // fill the socket of a client that has stopped reading.
+    EXPECT_TRUE(pair.server->Read().has_value());
     while (!stop) {
       pair.server->Write(broadcast);
       pair.server->HasMore(1);
