@@ -126,7 +126,9 @@ const ChildScenario kDuringCallback("DuringCallback", [](const Arguments&) {
     });
   }
   EXPECT_TRUE(log.WaitForLine("> ZuHelperOSX.StopServer"));
-  EXPECT_EQ(ZuBroadcastMessageWithNoReply("x", 1), ZU_SERVER_REFUSED);
+  EXPECT_TRUE(WaitUntil([] {
+    return ZuBroadcastMessageWithNoReply("x", 1) == ZU_SERVER_REFUSED;
+  }));
   g_gate.Open();
   for (std::thread& stopper : stoppers) stopper.join();
   requester.join();
