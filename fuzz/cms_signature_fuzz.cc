@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "platform/linux/signing/certificates.h"
-#include "platform/linux/signing/cms_signature.h"
+#include "platform/linux/signing/trust/certificates.h"
+#include "platform/linux/signing/cms/cms_signature.h"
 
 namespace zu::platform {
 namespace {

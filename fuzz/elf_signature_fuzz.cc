@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/linux/signing/elf_signature.h"
+#include "platform/linux/signing/elf/elf_signature.h"
 
 namespace zu::platform {
 namespace {

@@ -18,9 +18,9 @@
 
 #include "build_values.h"
 #include "platform/code_signing.h"
-#include "platform/linux/signing/certificates.h"
+#include "platform/linux/signing/trust/certificates.h"
 #include "platform/linux/signing/requirement.h"
-#include "platform/linux/signing/signer.h"
+#include "platform/linux/signing/signer/signer.h"
 #include "platform/linux/signing/status.h"
 #include "platform/linux/signing/verifier.h"
 #include "support/file_descriptor.h"

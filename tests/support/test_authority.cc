@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "platform/linux/signing/openssl_ptr.h"
-#include "platform/linux/signing/signer.h"
+#include "platform/linux/signing/signer/signer.h"
 
 namespace zu::test {
 namespace {

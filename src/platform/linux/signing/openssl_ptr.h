@@ -32,6 +32,7 @@ using BioPtr = OpenSslPtr<BIO, &BIO_free_all>;
 using CmsPtr = OpenSslPtr<CMS_ContentInfo, &CMS_ContentInfo_free>;
 using CertificatePtr = OpenSslPtr<X509, &X509_free>;
 using CertificateStackPtr = OpenSslPtr<STACK_OF(X509), &FreeCertificates>;
+using CrlPtr = OpenSslPtr<X509_CRL, &X509_CRL_free>;
 using DigestPtr = OpenSslPtr<EVP_MD, &EVP_MD_free>;
 using DigestContextPtr = OpenSslPtr<EVP_MD_CTX, &EVP_MD_CTX_free>;
 using KeyPtr = OpenSslPtr<EVP_PKEY, &EVP_PKEY_free>;

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "platform/code_signing.h"
-#include "platform/linux/signing/certificates.h"
-#include "platform/linux/signing/elf_signature.h"
+#include "platform/linux/signing/trust/certificates.h"
+#include "platform/linux/signing/elf/elf_signature.h"
 #include "platform/linux/signing/file_content.h"
 #include "platform/linux/signing/status.h"
 
@@ -79,10 +79,10 @@ Verification Verifier::Verify(int descriptor, const VerifyOptions& options) {
     return Refused(kCodeSigningSignatureFailed,
                    "the signature was not made by its certificate");
   }
-  const std::shared_ptr<X509_STORE> anchors = anchors_.Current();
+  const std::shared_ptr<const TrustSet> anchors = anchors_.Current();
   if (!anchors) return Refused(kCertificateNotTrusted, "memory is short");
   const ChainResult chain =
-      EvaluateChain(*context_, *anchors, signature.certificates(),
+      EvaluateChain(*context_, *anchors->store, signature.certificates(),
                     {.consider_expiration = options.consider_expiration});
   switch (chain.status) {
     case kCodeSigningSuccess:

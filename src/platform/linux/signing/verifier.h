@@ -7,9 +7,9 @@
 #include <memory>
 #include <string>
 
-#include "platform/linux/signing/cms_signature.h"
+#include "platform/linux/signing/cms/cms_signature.h"
 #include "platform/linux/signing/requirement.h"
-#include "platform/linux/signing/trust_anchors.h"
+#include "platform/linux/signing/trust/trust_anchors.h"
 
 namespace zu::platform {
 

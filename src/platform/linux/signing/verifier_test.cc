@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "platform/code_signing.h"
-#include "platform/linux/signing/elf_signature.h"
-#include "platform/linux/signing/signer.h"
+#include "platform/linux/signing/elf/elf_signature.h"
+#include "platform/linux/signing/signer/signer.h"
 #include "platform/linux/signing/status.h"
 #include "support/file_descriptor.h"
 #include "tests/support/test_authority.h"

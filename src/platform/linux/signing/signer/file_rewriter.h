@@ -1,6 +1,6 @@
 // Replaces a file by a changed copy, in one step.
-#ifndef ZU_PLATFORM_LINUX_SIGNING_FILE_REWRITER_H_
-#define ZU_PLATFORM_LINUX_SIGNING_FILE_REWRITER_H_
+#ifndef ZU_PLATFORM_LINUX_SIGNING_SIGNER_FILE_REWRITER_H_
+#define ZU_PLATFORM_LINUX_SIGNING_SIGNER_FILE_REWRITER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -46,4 +46,4 @@ class FileRewriter {
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_SIGNING_FILE_REWRITER_H_
+#endif  // ZU_PLATFORM_LINUX_SIGNING_SIGNER_FILE_REWRITER_H_

@@ -1,34 +1,18 @@
 // Making signatures: what zusign does, and what tests need to make their own
 // signed files. Not part of the product.
-#ifndef ZU_PLATFORM_LINUX_SIGNING_SIGNER_H_
-#define ZU_PLATFORM_LINUX_SIGNING_SIGNER_H_
+#ifndef ZU_PLATFORM_LINUX_SIGNING_SIGNER_SIGNER_H_
+#define ZU_PLATFORM_LINUX_SIGNING_SIGNER_SIGNER_H_
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/signing/crypto_context.h"
+#include "platform/linux/signing/signer/signing_identity.h"
 
 namespace zu::platform {
-
-// Who signs: a private key, its certificate and the certificates above it.
-struct SigningIdentity {
-  // Reads PEM text: one private key, whose passphrase (if it has one) is asked
-  // for on the terminal, and certificates, the key's own first. Absent when
-  // they cannot be read or do not belong together; `error` then says why.
-  static std::optional<SigningIdentity> FromPem(std::string_view key,
-                                                std::string_view certificates,
-                                                std::string& error);
-
-  std::shared_ptr<const CryptoContext> context;
-  KeyPtr key;
-  CertificatePtr leaf;
-  CertificateStackPtr chain;
-};
 
 // A detached CMS signature (SHA-256, DER) over an open file's first
 // `content_size` bytes, with `identifier` as its signed content identifier.
@@ -56,4 +40,4 @@ SignResult SignFile(const std::string& path, const SigningIdentity& identity,
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_SIGNING_SIGNER_H_
+#endif  // ZU_PLATFORM_LINUX_SIGNING_SIGNER_SIGNER_H_

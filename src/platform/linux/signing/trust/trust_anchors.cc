@@ -1,4 +1,4 @@
-#include "platform/linux/signing/trust_anchors.h"
+#include "platform/linux/signing/trust/trust_anchors.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -116,26 +116,28 @@ struct TrustAnchors::Loaded {
            });
   }
 
-  std::shared_ptr<X509_STORE> store;
+  std::shared_ptr<TrustSet> trusted;
   std::optional<Stamp> directory_stamp;
   std::vector<std::pair<std::string, Stamp>> files;
   // All stamps are old enough for a later change to be seen in them.
   bool reusable = false;
 };
 
-std::shared_ptr<X509_STORE> TrustAnchors::Current() {
+std::shared_ptr<const TrustSet> TrustAnchors::Current() {
   const std::lock_guard lock(mutex_);
   if (!loaded_ || !loaded_->IsCurrent(directory_)) {
     loaded_ = std::make_shared<const Loaded>(Load());
   }
-  return loaded_->store;
+  return loaded_->trusted;
 }
 
 TrustAnchors::Loaded TrustAnchors::Load() const {
   const ScopedErrorMark mark;
   Loaded loaded;
-  loaded.store = StorePtr(X509_STORE_new());
-  if (!loaded.store) return loaded;
+  StorePtr store(X509_STORE_new());
+  if (!store) return loaded;
+  loaded.trusted = std::make_shared<TrustSet>();
+  loaded.trusted->store = std::move(store);
 
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -179,7 +181,7 @@ TrustAnchors::Loaded TrustAnchors::Load() const {
       loaded.reusable = false;
       continue;
     }
-    AddCertificates(*context_, bytes, *loaded.store);
+    AddCertificates(*context_, bytes, *loaded.trusted->store);
   }
   return loaded;
 }

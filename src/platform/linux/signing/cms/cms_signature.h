@@ -1,6 +1,6 @@
 // A detached signature in the cryptographic message syntax.
-#ifndef ZU_PLATFORM_LINUX_SIGNING_CMS_SIGNATURE_H_
-#define ZU_PLATFORM_LINUX_SIGNING_CMS_SIGNATURE_H_
+#ifndef ZU_PLATFORM_LINUX_SIGNING_CMS_CMS_SIGNATURE_H_
+#define ZU_PLATFORM_LINUX_SIGNING_CMS_CMS_SIGNATURE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -66,4 +66,4 @@ class CmsSignature {
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_SIGNING_CMS_SIGNATURE_H_
+#endif  // ZU_PLATFORM_LINUX_SIGNING_CMS_CMS_SIGNATURE_H_

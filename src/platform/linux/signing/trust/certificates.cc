@@ -1,4 +1,4 @@
-#include "platform/linux/signing/certificates.h"
+#include "platform/linux/signing/trust/certificates.h"
 
 #include <openssl/x509v3.h>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/signing/trust_anchors.h"
+#include "platform/linux/signing/trust/trust_anchors.h"
 
 #include <gtest/gtest.h>
 #include <openssl/pem.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/signing/cms_signature.h"
+#include "platform/linux/signing/cms/cms_signature.h"
 
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>

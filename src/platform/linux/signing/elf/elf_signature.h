@@ -9,8 +9,8 @@
 // All of the content is signed. Nothing in an ELF header refers to what
 // follows the last section, so the file runs as before, and tools that rewrite
 // it (strip) drop the signature whole.
-#ifndef ZU_PLATFORM_LINUX_SIGNING_ELF_SIGNATURE_H_
-#define ZU_PLATFORM_LINUX_SIGNING_ELF_SIGNATURE_H_
+#ifndef ZU_PLATFORM_LINUX_SIGNING_ELF_ELF_SIGNATURE_H_
+#define ZU_PLATFORM_LINUX_SIGNING_ELF_ELF_SIGNATURE_H_
 
 #include <array>
 #include <cstddef>
@@ -59,4 +59,4 @@ std::array<std::byte, kSignatureTrailerSize> EncodeSignatureTrailer(
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_SIGNING_ELF_SIGNATURE_H_
+#endif  // ZU_PLATFORM_LINUX_SIGNING_ELF_ELF_SIGNATURE_H_

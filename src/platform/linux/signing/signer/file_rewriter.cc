@@ -1,4 +1,4 @@
-#include "platform/linux/signing/file_rewriter.h"
+#include "platform/linux/signing/signer/file_rewriter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

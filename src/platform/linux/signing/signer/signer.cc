@@ -1,4 +1,4 @@
-#include "platform/linux/signing/signer.h"
+#include "platform/linux/signing/signer/signer.h"
 
 #include <fcntl.h>
 #include <openssl/objects.h>
@@ -7,9 +7,9 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/linux/signing/elf_signature.h"
+#include "platform/linux/signing/elf/elf_signature.h"
 #include "platform/linux/signing/file_content.h"
-#include "platform/linux/signing/file_rewriter.h"
+#include "platform/linux/signing/signer/file_rewriter.h"
 
 namespace zu::platform {
 namespace {

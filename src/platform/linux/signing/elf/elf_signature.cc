@@ -1,4 +1,4 @@
-#include "platform/linux/signing/elf_signature.h"
+#include "platform/linux/signing/elf/elf_signature.h"
 
 #include <sys/stat.h>
 #include <algorithm>

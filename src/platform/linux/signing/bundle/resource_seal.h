@@ -1,0 +1,46 @@
+// The seal over a bundle's resources (_CodeSignature/CodeResources).
+#ifndef ZU_PLATFORM_LINUX_SIGNING_BUNDLE_RESOURCE_SEAL_H_
+#define ZU_PLATFORM_LINUX_SIGNING_BUNDLE_RESOURCE_SEAL_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/linux/signing/bundle/bundle_layout.h"
+#include "platform/linux/signing/crypto_context.h"
+
+namespace zu::platform {
+
+// Rules that say what becomes of which path, and what was sealed under them.
+class ResourceSeal {
+ public:
+  // Reads the property list; of two generations (files and files2) the newer
+  // one counts. Null when it is none, lacks a part or has a rule that cannot
+  // be compiled.
+  static std::shared_ptr<const ResourceSeal> Parse(
+      std::span<const std::byte> bytes);
+
+  // What VerifyResources asks about nested code: whether the code at this
+  // absolute path is valid and satisfies this requirement. A status number.
+  using CheckNested = std::function<int32_t(const std::string& path,
+                                            const std::string& requirement)>;
+
+  // Compares the bundle with the seal: every file is there unless it may be
+  // missing, unchanged, and none was added. 0, or the platform's number for
+  // what is wrong.
+  int32_t VerifyResources(const CryptoContext& context,
+                          const BundleLayout& bundle,
+                          const CheckNested& check_nested) const;
+
+ private:
+  ResourceSeal();
+};
+
+}  // namespace zu::platform
+
+#endif  // ZU_PLATFORM_LINUX_SIGNING_BUNDLE_RESOURCE_SEAL_H_
