@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "platform/linux/signing/trust/certificates.h"
+#include "platform/linux/signing/certificate_facts.h"
 #include "platform/linux/signing/cms/cms_signature.h"
 
 namespace zu::platform {

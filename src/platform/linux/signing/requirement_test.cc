@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 
-#include "platform/linux/signing/trust/certificates.h"
+#include "platform/linux/signing/certificate_facts.h"
 #include "tests/support/test_authority.h"
 
 namespace zu::platform {

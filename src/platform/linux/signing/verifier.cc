@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "platform/code_signing.h"
-#include "platform/linux/signing/trust/certificates.h"
+#include "platform/linux/signing/certificate_facts.h"
 #include "platform/linux/signing/elf/elf_signature.h"
 #include "platform/linux/signing/file_content.h"
 #include "platform/linux/signing/status.h"
+#include "platform/linux/signing/trust/certificates.h"
 
 namespace zu::platform {
 namespace {

@@ -11,25 +11,6 @@ namespace {
 constexpr int kSecurityLevel = 2;
 constexpr int kMaxDepth = 8;
 
-std::optional<std::string> SubjectAttribute(const X509& certificate, int nid) {
-  const X509_NAME* const name = X509_get_subject_name(&certificate);
-  const int index = X509_NAME_get_index_by_NID(name, nid, -1);
-  // A rule speaks of one value. When there are several, which of them counts
-  // is a matter of taste in which two verifiers may differ, so none does.
-  if (index < 0 || X509_NAME_get_index_by_NID(name, nid, index) >= 0) {
-    return std::nullopt;
-  }
-  unsigned char* text = nullptr;
-  const int length = ASN1_STRING_to_UTF8(
-      &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
-  if (length < 0) return std::nullopt;
-  std::optional<std::string> value(std::in_place,
-                                   reinterpret_cast<const char*>(text),
-                                   static_cast<size_t>(length));
-  OPENSSL_free(text);
-  return value;
-}
-
 bool NamesCodeSigning(X509& certificate) {
   // Without the extension all bits are set.
   return (X509_get_extension_flags(&certificate) & EXFLAG_XKUSAGE) != 0 &&
@@ -43,18 +24,6 @@ bool MayIssueForCode(X509& certificate) {
 }
 
 }  // namespace
-
-CertificateFacts FactsOf(const X509& certificate) {
-  CertificateFacts facts;
-  const auto set = [&](SubjectField field, int nid) {
-    facts.subject[static_cast<size_t>(field)] =
-        SubjectAttribute(certificate, nid);
-  };
-  set(SubjectField::kCommonName, NID_commonName);
-  set(SubjectField::kOrganizationalUnit, NID_organizationalUnitName);
-  set(SubjectField::kOrganization, NID_organizationName);
-  return facts;
-}
 
 bool MaySignCode(X509& certificate) {
   return (X509_get_key_usage(&certificate) & KU_DIGITAL_SIGNATURE) != 0 &&

@@ -9,11 +9,8 @@
 #include <vector>
 
 #include "platform/linux/signing/crypto_context.h"
-#include "platform/linux/signing/requirement.h"
 
 namespace zu::platform {
-
-CertificateFacts FactsOf(const X509& certificate);
 
 // A key usage that allows signatures (or none), and an extended key usage that
 // names code signing. "Any" usage does not count.

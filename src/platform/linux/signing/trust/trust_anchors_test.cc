@@ -39,8 +39,8 @@ class TrustAnchorsTest : public ::testing::Test {
   }
 
   static int Count(TrustAnchors& anchors) {
-    const auto store = anchors.Current();
-    return sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get()));
+    const auto trusted = anchors.Current();
+    return sk_X509_OBJECT_num(X509_STORE_get0_objects(trusted->store.get()));
   }
   TrustAnchors Make(const char* name = "anchors") const {
     return {context_, top_ / name};
