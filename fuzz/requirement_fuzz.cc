@@ -14,8 +14,12 @@ void Check(const uint8_t* data, size_t size) {
   static const SignatureFacts facts = [] {
     SignatureFacts made;
     made.certificates.resize(3);
-    made.certificates[0].subject = {"leaf", "team", "vendor"};
-    made.certificates[2].subject[0] = "root";
+    made.certificates[0].fields = {{"subject.CN", "leaf"},
+                                   {"subject.OU", std::nullopt},
+                                   {"field.1.2.3", "text"}};
+    made.certificates[2].fields = {{"subject.CN", "root"}};
+    made.certificates[2].sha1.resize(20);
+    made.cdhashes.emplace_back(20);
     made.identifier = "id";
     made.anchor_trusted = true;
     return made;

@@ -19,6 +19,7 @@
 
 #if defined(__APPLE__)
 #include <CoreFoundation/CoreFoundation.h>
+#include <Security/SecStaticCode.h>
 #endif
 
 #if defined(__GNUC__) || defined(__clang__)
@@ -148,6 +149,187 @@ ZU_EXPORT void* WorkerThread_ProcessXpcRequest(void* unused);
  *         examined
  */
 ZU_EXPORT uint32_t Util_clientIsSignedByZubrant(int32_t pid);
+
+/* -------------------------------------------------------- code signatures --
+ */
+
+/** What a signature is worth. Functions that return it return one of these. */
+#define ZU_SIGNATURE_NONE 0u    /**< unsigned, or nothing is known */
+#define ZU_SIGNATURE_INVALID 1u /**< signed, but not validly */
+#define ZU_SIGNATURE_VALID 2u   /**< signed and valid */
+
+/** Capacity, in bytes, of the name and date buffers of ZuAuthenticodeGetInfo
+ *  and ZuAuthenticodeGetModelBundleInfo: callers supply at least that much. */
+#define ZU_SIGNER_NAME_SIZE 4096u
+/** Size, in bytes, of their buffer for a thumbprint's text. */
+#define ZU_THUMBPRINT_TEXT_SIZE 42u
+/** Size, in bytes, of a thumbprint: a SHA-1 digest. */
+#define ZU_THUMBPRINT_SIZE 20u
+
+/**
+ * Tells whether the file or bundle at `path` is validly signed, nested code
+ * and resources included. An ad-hoc signature, which names nobody, can be
+ * valid. Certificates must be in their time (or have been at the signature's
+ * secure timestamp) and not be revoked; who issued them does not matter.
+ *
+ * Reads every sealed file and may ask the network, for ten seconds at most on
+ * Linux: not for threads that have to stay responsive.
+ *
+ * @param path  a file, a bundle's directory, or a bundle's main executable,
+ *              which stands for the bundle; may be NULL
+ * @return 1 when it is validly signed, else 0
+ */
+ZU_EXPORT uint32_t ZuAuthenticodeValidateBundle(const char* path);
+/** The same as a status: ZU_SIGNATURE_NONE also where nothing is. */
+ZU_EXPORT uint32_t GetBundleSignatureStatus(const char* path);
+
+/**
+ * Tells who signed a file and when, and whether the signature is valid, for
+ * every architecture in it. Resources of a bundle are not checked.
+ *
+ * Every buffer may be NULL, holds UTF-8 and is terminated, but for an issuer's
+ * name that a signer's of exactly that length fills. A name or date that does
+ * not fit leaves it empty.
+ *
+ * @param      path             as for ZuAuthenticodeValidateBundle
+ * @param      checkRevocation  not 0: certificates must be in their time, not
+ *                              be revoked, and lead to a trusted anchor; asks
+ *                              the network
+ * @param[out] issuerName       who issued the signer's certificate; the signer
+ *                              where that is the only certificate
+ * @param      issuerCapacity   bytes in that buffer, terminator included
+ * @param[out] signerName       who signed
+ * @param      signerCapacity   likewise
+ * @param[out] signingDate      "month/day/year hour:minute" in GMT: the secure
+ *                              timestamp, else the time that the signer
+ *                              claims; empty when there is neither
+ * @param      dateCapacity     likewise
+ * @return ZU_SIGNATURE_NONE also for a signature that names nobody (ad-hoc).
+ *         When nothing is at `path`, the buffers are left as they were; in all
+ *         other cases they are emptied first. The names are filled in for
+ *         invalid signatures, too.
+ *
+ * Thread-safe; nothing is kept between calls.
+ */
+ZU_EXPORT uint32_t GetSignatureStatusForPath(
+    const char* path, uint8_t checkRevocation, char* issuerName,
+    uint32_t issuerCapacity, char* signerName, uint32_t signerCapacity,
+    char* signingDate, uint32_t dateCapacity);
+/** The same for the program that a process runs; without such a process the
+ *  buffers are left as they were. */
+ZU_EXPORT uint32_t GetSignatureStatusForPID(
+    int32_t pid, uint8_t checkRevocation, char* issuerName,
+    uint32_t issuerCapacity, char* signerName, uint32_t signerCapacity,
+    char* signingDate, uint32_t dateCapacity);
+
+/**
+ * The platform's code object and array of certificates: a SecStaticCodeRef (or
+ * SecCodeRef) and a CFArrayRef of SecCertificateRef on macOS, objects of this
+ * library on Linux.
+ */
+#if defined(__APPLE__)
+typedef SecStaticCodeRef ZuCodeRef;
+typedef CFArrayRef ZuCertificatesRef;
+#else
+typedef const struct ZuCode* ZuCodeRef;
+typedef const struct ZuCertificates* ZuCertificatesRef;
+#endif
+
+/**
+ * Makes a code object of what is at `path`, or of what a process runs.
+ * @return the object, to be released with ZuCodeRelease or handed to
+ *         GetSignatureStatus; NULL when there is no such code
+ */
+ZU_EXPORT ZuCodeRef ZuCodeCreateWithPath(const char* path);
+ZU_EXPORT ZuCodeRef ZuCodeCreateWithPID(int32_t pid);
+/** Releases a code object; NULL is ignored. */
+ZU_EXPORT void ZuCodeRelease(ZuCodeRef code);
+
+/**
+ * The certificates that a signature lists, the signer's first. They are not
+ * checked.
+ * @return the array, to be released with ZuCertificatesRelease; NULL when the
+ *         code is NULL, not signed, or lists none
+ */
+ZU_EXPORT ZuCertificatesRef ZuCodeCopyCertificates(ZuCodeRef code);
+/** Releases an array from ZuCodeCopyCertificates; NULL is ignored. */
+ZU_EXPORT void ZuCertificatesRelease(ZuCertificatesRef certificates);
+
+/**
+ * GetSignatureStatusForPath for a code object, which it releases in any case.
+ * @param code  may be NULL: the buffers are emptied, the result is
+ *              ZU_SIGNATURE_NONE
+ */
+ZU_EXPORT uint32_t GetSignatureStatus(ZuCodeRef code, uint8_t checkRevocation,
+                                      char* issuerName, uint32_t issuerCapacity,
+                                      char* signerName, uint32_t signerCapacity,
+                                      char* signingDate, uint32_t dateCapacity);
+
+/**
+ * Tells whether certificates, the signer's first, lead to a trusted anchor and
+ * none of them is known to be revoked. A responder that does not answer is no
+ * reason against them, nor (on Linux) is their time. Asks the network.
+ *
+ * @param certificates  borrowed; NULL counts as untrusted
+ * @return 1 when they are trusted, else 0
+ */
+ZU_EXPORT uint32_t ValidateCerts(ZuCertificatesRef certificates);
+
+/**
+ * The SHA-1 digest of the signer's certificate (DER), which tells publishers
+ * apart. The signature is not checked.
+ *
+ * @param      path      as for ZuAuthenticodeValidateBundle
+ * @param[out] digest    ZU_THUMBPRINT_SIZE bytes
+ * @param      capacity  exactly ZU_THUMBPRINT_SIZE; any other is refused
+ * @return 1; 0 when nothing was written: a wrong argument, no such code, or a
+ *         signature without certificates
+ */
+ZU_EXPORT uint32_t ZuGetSecThumbprint(const char* path, uint8_t* digest,
+                                      uint16_t capacity);
+ZU_EXPORT uint32_t GetSecThumbprint(const char* path, uint8_t* digest,
+                                    uint16_t capacity);
+/** The same for the program that a process runs. */
+ZU_EXPORT uint32_t GetSecThumbprintForPID(int32_t pid, uint8_t* digest,
+                                          uint16_t capacity);
+
+/**
+ * All of that at once: whether a file is signed, whether validly, by whom,
+ * when, and the signer's thumbprint.
+ *
+ * @param      path             as for ZuAuthenticodeValidateBundle
+ * @param      checkRevocation  as for GetSignatureStatusForPath; only its low
+ *                              byte counts
+ * @param[out] isSigned         not NULL: 1 when the file is signed, validly or
+ *                              not, else 0
+ * @param[out] isValid          not NULL: 1 when the signature is valid, else 0
+ * @param[out] issuerName       ZU_SIGNER_NAME_SIZE bytes, or NULL
+ * @param[out] signerNameCopy   the signer's name once more, WITHOUT a
+ *                              terminator: hand in zeros; room for the name, or
+ *                              NULL
+ * @param[out] signerName       ZU_SIGNER_NAME_SIZE bytes, or NULL
+ * @param[out] signingDate      ZU_SIGNER_NAME_SIZE bytes, or NULL
+ * @param[out] thumbprintHex    ZU_THUMBPRINT_TEXT_SIZE bytes: 40 upper-case
+ *                              hexadecimal digits and a NUL; or NULL. Left as
+ *                              it was when the file is not signed.
+ * @return 1, also for files that are not signed; 0 when `isSigned` or `isValid`
+ *         is NULL (nothing is written then) or the thumbprint of a signed file
+ *         cannot be had (`isValid` is then left as it was)
+ *
+ * ZuAuthenticodeGetInfo runs one call at a time in the whole process, network
+ * included; ZuAuthenticodeGetModelBundleInfo does not, and leaves the last byte
+ * of `thumbprintHex` unspecified where the other writes a second NUL.
+ */
+ZU_EXPORT uint32_t ZuAuthenticodeGetInfo(const char* path,
+                                         int32_t checkRevocation,
+                                         uint64_t* isSigned, uint32_t* isValid,
+                                         char* issuerName, char* signerNameCopy,
+                                         char* signerName, char* signingDate,
+                                         char* thumbprintHex);
+ZU_EXPORT uint32_t ZuAuthenticodeGetModelBundleInfo(
+    const char* path, int32_t checkRevocation, uint64_t* isSigned,
+    uint32_t* isValid, char* issuerName, char* signerNameCopy, char* signerName,
+    char* signingDate, char* thumbprintHex);
 
 /* --------------------------------------------------------- UTF-16 strings --
  */

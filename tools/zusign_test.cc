@@ -13,6 +13,7 @@
 #include <iterator>
 #include <string>
 
+#include "tests/support/macho_builder.h"
 #include "tests/support/test_authority.h"
 
 namespace zu {
@@ -42,7 +43,6 @@ class ZusignTest : public ::testing::Test {
         authority_.Issue({.extended_key_usage = "serverAuth"});
     Write("other_key", other.key);
     Write("other_cert", other.certificates);
-    Write("text", "#!/bin/sh\n");
     fs::copy_file("/bin/cat", directory_ / "tool");
   }
   void TearDown() override { fs::remove_all(directory_); }
@@ -73,16 +73,14 @@ class ZusignTest : public ::testing::Test {
     return Run(ZU_TEST_ZUSIGN " " + arguments);
   }
 
-  static constexpr char kSign[] = "sign --key key --cert cert --chain chain ";
+  const std::string sign_ = "sign --key key --cert cert --chain chain ";
   test::TestAuthority authority_;
   test::TestAuthority subordinate_{"Subordinate", &authority_};
   fs::path directory_;
 };
 
 TEST_F(ZusignTest, SpeaksAndExitsAsDocumented) {
-  ASSERT_EQ(
-      Zusign(kSign + std::string("--identifier com.example.tool tool")).output,
-      "");
+  ASSERT_EQ(Zusign(sign_ + "--identifier com.example.tool tool").output, "");
   const std::string verify = "verify --anchors anchors ";
   const struct {
     std::string arguments;
@@ -93,21 +91,25 @@ TEST_F(ZusignTest, SpeaksAndExitsAsDocumented) {
       {verify + "--requirement 'identifier \"com.example.tool\"' tool", 0,
        "valid"},
       {verify + "--requirement 'identifier \"tool\"' tool", 1, "(-67050)"},
-      {verify + "--requirement 'identifier tool' tool", 2, "requirement"},
+      {verify + "--requirement 'identifier [tool]' tool", 2, "requirement"},
       {"verify --anchors missing tool", 1, "(-2147409622)"},
       {verify + "key", 1, "(-67062)"},
       {verify + "missing", 3, "No such file"},
-      {verify + "anchors", 3, "cannot be read"},
-      {verify, 2, "one file"},
-      {verify + "tool tool", 2, "one file"},
+      {verify + "anchors", 3, "anchors: "},
+      {verify, 2, "one path"},
+      {verify + "tool tool", 2, "one path"},
       {"show tool", 0, "Identifier: com.example.tool\n"},
       {"show tool", 0, "Issuer:  CN=Subordinate"},
-      {"show key", 1, "not an ELF file"},
-      {kSign + std::string("tool"), 1, "signed already"},
-      {kSign + std::string("text"), 1, "not an ELF file"},
-      {kSign + std::string("missing"), 3, "No such file"},
-      {kSign + std::string("anchors"), 3, "Is a directory"},
+      {"show key", 1, "(-67062)"},
+      {sign_ + "tool", 1, "signed already"},
+      {sign_ + "key", 1, "key: "},
+      {sign_ + "missing", 3, "No such file"},
+      {sign_ + "anchors", 1, "no bundle"},
+      {sign_ + "--replace --timestamp missing tool", 3, "missing"},
       {"sign --key key tool", 2, "needs --key and --cert"},
+      {"sign --ad-hoc tool", 2, "for Mach-O"},
+      {"sign --ad-hoc --key key tool", 2, "without a key"},
+      {"sign --ad-hoc --hash md5 tool", 2, "md5"},
       {"sign --key missing --cert cert tool", 3, "missing: cannot be read"},
       {"sign --key cert --cert cert tool", 3, "private key cannot be read"},
       {"sign --key key --cert key tool", 3, "certificates cannot be read"},
@@ -149,7 +151,7 @@ TEST_F(ZusignTest, KeepsTheFileWhatItWas) {
   const auto before = entries();
   // Twice, through the link: the second signature takes the first's place.
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(Zusign(kSign + std::string("--replace link")).code, 0);
+    ASSERT_EQ(Zusign(sign_ + "--replace link").code, 0);
     EXPECT_THAT(Read("tool"), StartsWith(content));
     EXPECT_LT(Read("tool").size(), content.size() + 4096);
     EXPECT_THAT(Zusign("show tool").output, HasSubstr("Identifier: link\n"));
@@ -178,11 +180,85 @@ TEST_F(ZusignTest, KeepsTheFileWhatItWas) {
       "copy: valid\n");
 }
 
+// A script runs as before, signed once or twice, and with its signature
+// damaged: only the verdict differs.
+TEST_F(ZusignTest, SignsScripts) {
+  const struct {
+    const char* interpreter;
+    const char* text;
+  } scripts[] = {
+      {"sh", "#!/bin/sh\necho \"given $1\"\n"},
+      {"python3", "#!/bin/python3\nimport sys\nprint('given', sys.argv[1])"},
+      {"perl", "#!/usr/bin/perl\nprint \"given $ARGV[0]\\n\";\n__END__\n"},
+  };
+  for (const auto& [interpreter, text] : scripts) {
+    SCOPED_TRACE(interpreter);
+    const std::string run = interpreter + std::string(" script one");
+    if (Run("command -v " + std::string(interpreter)).code != 0) continue;
+    Write("script", text);
+    const auto expect = [&](int code, const char* verdict) {
+      EXPECT_EQ(Run(run).output, "given one\n");
+      const Outcome outcome = Zusign("verify --anchors anchors script");
+      EXPECT_EQ(outcome.code, code);
+      EXPECT_THAT(outcome.output, HasSubstr(verdict));
+    };
+    expect(1, "(-67062)");
+    ASSERT_EQ(Zusign(sign_ + "script").output, "");
+    expect(0, "script: valid");
+    EXPECT_EQ(Zusign(sign_ + "script").code, 1);
+    const size_t size = Read("script").size();
+    ASSERT_EQ(Zusign(sign_ + "--replace script").code, 0);
+    EXPECT_NEAR(static_cast<double>(Read("script").size()),
+                static_cast<double>(size), 8);
+    const std::string good = Read("script");
+    Write("script", std::string(good).insert(good.find('\n'), "\n#"));
+    expect(1, "(-67061)");
+    Write("script", std::string(good).replace(good.rfind("# -"), 0, "#\n"));
+    expect(1, "(-67045)");
+    Write("script", good + "# more\n");
+    expect(1, "(-67062)");
+  }
+}
+
+// The same commands for the other kinds of code, with a key and without.
+TEST_F(ZusignTest, SignsMachOFilesAndBundles) {
+  test::WriteBytes(directory_ / "image", test::BuildMachO());
+  const fs::path contents = directory_ / "Tool.app/Contents";
+  fs::create_directories(contents / "MacOS");
+  fs::create_directories(contents / "Resources");
+  test::WriteBytes(contents / "MacOS/Tool", test::BuildMachO());
+  std::ofstream(contents / "Resources/text") << "text";
+  std::ofstream(contents / "Info.plist")
+      << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+         "<string>Tool</string><key>CFBundleIdentifier</key>"
+         "<string>com.example.app</string></dict></plist>";
+  const std::string signing =
+      "--replace --identifier com.example --team TEAM --hash sha1 "
+      "--hash sha256 ";
+  const std::string requirement =
+      " --requirement 'identifier com.example and anchor trusted'";
+  for (const std::string path : {"image", "Tool.app"}) {
+    SCOPED_TRACE(path);
+    const std::string verify = "verify --anchors anchors " + path;
+    EXPECT_THAT(Zusign(verify).output, HasSubstr("(-67062)"));
+    ASSERT_EQ(Zusign("sign --ad-hoc --hash sha384 " + path).output, "");
+    EXPECT_EQ(Zusign(verify).output, path + ": valid\n");
+    EXPECT_THAT(Zusign("show " + path).output, HasSubstr("signed ad-hoc"));
+    ASSERT_EQ(Zusign(sign_ + signing + path).output, "");
+    EXPECT_EQ(Zusign(verify + requirement).output, path + ": valid\n");
+    EXPECT_THAT(Zusign("show " + path).output, HasSubstr("Team: TEAM\n"));
+  }
+  std::ofstream(contents / "Resources/text") << "other";
+  EXPECT_THAT(Zusign("verify --anchors anchors Tool.app").output,
+              HasSubstr("(-67054)"));
+  EXPECT_EQ(Zusign("verify --anchors anchors --no-resources Tool.app").code, 0);
+}
+
 // A copy that cannot be written leaves nothing behind.
 TEST_F(ZusignTest, FailsWithoutATrace) {
   const std::string content = Read("tool");
-  const Outcome outcome = Run("trap '' XFSZ; ulimit -f 8; " ZU_TEST_ZUSIGN " " +
-                              std::string(kSign) + "tool");
+  const Outcome outcome =
+      Run("trap '' XFSZ; ulimit -f 8; " ZU_TEST_ZUSIGN " " + sign_ + "tool");
   EXPECT_EQ(outcome.code, 3);
   EXPECT_THAT(outcome.output, HasSubstr("File too large"));
   EXPECT_EQ(Read("tool"), content);

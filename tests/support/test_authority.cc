@@ -1,10 +1,13 @@
 #include "tests/support/test_authority.h"
 
+#include <openssl/ocsp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 #include <fstream>
+#include <span>
 #include <stdexcept>
+#include <string_view>
 
 #include "platform/linux/signing/openssl_ptr.h"
 #include "platform/linux/signing/signer/signer.h"
@@ -14,7 +17,11 @@ namespace {
 
 using platform::BioPtr;
 using platform::CertificatePtr;
+using platform::CrlPtr;
 using platform::KeyPtr;
+using platform::OpenSslPtr;
+
+constexpr int64_t kYear_s = 365 * 86400;
 
 void Check(bool good, const char* what) {
   if (!good) throw std::runtime_error(what);
@@ -61,12 +68,34 @@ KeyPtr MakeKey(unsigned rsa_bits) {
   return key;
 }
 
+using TimePtr = OpenSslPtr<ASN1_TIME, &ASN1_TIME_free>;
+TimePtr TimeFromNow(int64_t seconds) {
+  // OCSP knows this one of the two forms only.
+  return TimePtr(ASN1_TIME_to_generalizedtime(
+      TimePtr(X509_gmtime_adj(nullptr, seconds)).get(), nullptr));
+}
+
 void AddName(X509_NAME* name, int nid, const std::string& value) {
   Check(X509_NAME_add_entry_by_NID(
             name, nid, MBSTRING_UTF8,
             reinterpret_cast<const unsigned char*>(value.data()),
             static_cast<int>(value.size()), -1, 0) == 1,
         "name");
+}
+
+using ExtensionPtr = OpenSslPtr<X509_EXTENSION, &X509_EXTENSION_free>;
+ExtensionPtr MakeExtension(const Extension& extension) {
+  const OpenSslPtr<ASN1_OBJECT, &ASN1_OBJECT_free> oid(
+      OBJ_txt2obj(extension.oid.c_str(), 1));
+  const OpenSslPtr<ASN1_OCTET_STRING, &ASN1_OCTET_STRING_free> value(
+      ASN1_OCTET_STRING_new());
+  ASN1_OCTET_STRING_set(
+      value.get(), reinterpret_cast<const unsigned char*>(extension.der.data()),
+      static_cast<int>(extension.der.size()));
+  ExtensionPtr made(X509_EXTENSION_create_by_OBJ(
+      nullptr, oid.get(), extension.critical ? 1 : 0, value.get()));
+  Check(made != nullptr, "extension");
+  return made;
 }
 
 void AddExtension(X509* certificate, X509* issuer, int nid,
@@ -94,10 +123,13 @@ CertificatePtr MakeCertificate(EVP_PKEY* key, const LeafOptions& options,
   X509_gmtime_adj(X509_getm_notBefore(certificate), options.valid_from_s);
   X509_gmtime_adj(X509_getm_notAfter(certificate), options.valid_until_s);
   X509_NAME* const name = X509_get_subject_name(certificate);
-  AddName(name, NID_organizationName, ZU_DEVELOPER_ID_NAME);
-  AddName(name, NID_organizationalUnitName, ZU_DEVELOPER_ID_TEAM);
-  for (const std::string& common_name : options.common_names) {
-    AddName(name, NID_commonName, common_name);
+  const std::pair<int, const std::vector<std::string>&> parts[] = {
+      {NID_pkcs9_emailAddress, options.mail_addresses},
+      {NID_organizationName, options.organizations},
+      {NID_organizationalUnitName, options.organizational_units},
+      {NID_commonName, options.common_names}};
+  for (const auto& [nid, values] : parts) {
+    for (const std::string& value : values) AddName(name, nid, value);
   }
   X509_set_pubkey(certificate, key);
   if (issuer == nullptr) {
@@ -110,7 +142,20 @@ CertificatePtr MakeCertificate(EVP_PKEY* key, const LeafOptions& options,
   AddExtension(certificate, issuer, NID_ext_key_usage,
                options.extended_key_usage);
   AddExtension(certificate, issuer, NID_subject_key_identifier, "hash");
-  Check(X509_sign(certificate, issuer_key, EVP_sha256()) > 0, "signature");
+  if (!options.ocsp_url.empty()) {
+    AddExtension(certificate, issuer, NID_info_access,
+                 "OCSP;URI:" + options.ocsp_url);
+  }
+  if (!options.crl_url.empty()) {
+    AddExtension(certificate, issuer, NID_crl_distribution_points,
+                 "URI:" + options.crl_url);
+  }
+  for (const Extension& extension : options.extensions) {
+    Check(X509_add_ext(certificate, MakeExtension(extension).get(), -1) == 1,
+          "extension");
+  }
+  const EVP_MD* const digest = EVP_get_digestbyname(options.digest.c_str());
+  Check(X509_sign(certificate, issuer_key, digest) > 0, "signature");
   return made;
 }
 
@@ -129,14 +174,16 @@ Credential MakeLeaf(const LeafOptions& options, const std::string* issuer,
 
 TestAuthority::TestAuthority(const std::string& name,
                              const TestAuthority* parent,
-                             const std::string& extended_key_usage) {
-  constexpr int64_t kYear = 365 * 86400;
-  const KeyPtr key = MakeKey(0);
-  const LeafOptions options{.common_names = {name},
-                            .key_usage = "critical,keyCertSign,cRLSign",
-                            .extended_key_usage = extended_key_usage,
-                            .valid_from_s = -kYear,
-                            .valid_until_s = kYear};
+                             const std::string& extended_key_usage)
+    : TestAuthority(LeafOptions{.common_names = {name},
+                                .extended_key_usage = extended_key_usage,
+                                .valid_from_s = -kYear_s,
+                                .valid_until_s = kYear_s},
+                    parent) {}
+
+TestAuthority::TestAuthority(LeafOptions options, const TestAuthority* parent) {
+  options.key_usage = "critical,keyCertSign,cRLSign";
+  const KeyPtr key = MakeKey(options.rsa_bits);
   key_ = ToPem(key.get());
   certificate_ =
       ToPem(MakeCertificate(
@@ -160,6 +207,85 @@ Credential IssueBelow(const Credential& leaf, const LeafOptions& options) {
   return MakeLeaf(options, &leaf.certificates, leaf.key, leaf.certificates);
 }
 
+void TestAuthority::Revoke(const Credential& credential) {
+  revoked_.push_back(credential.certificates);
+}
+void TestAuthority::Revoke(const TestAuthority& subordinate) {
+  revoked_.push_back(subordinate.certificate_);
+}
+
+std::string TestAuthority::MakeCrl(const RevocationOptions& options) const {
+  const CrlPtr list(X509_CRL_new());
+  X509_CRL_set_version(list.get(), X509_CRL_VERSION_2);
+  X509_CRL_set_issuer_name(
+      list.get(), X509_get_subject_name(ReadCertificate(certificate_).get()));
+  const TimePtr from = TimeFromNow(options.valid_from_s);
+  X509_CRL_set1_lastUpdate(list.get(), from.get());
+  X509_CRL_set1_nextUpdate(list.get(),
+                           TimeFromNow(options.valid_until_s).get());
+  for (const std::string& certificate : revoked_) {
+    X509_REVOKED* const entry = X509_REVOKED_new();
+    X509_REVOKED_set_serialNumber(
+        entry, X509_get_serialNumber(ReadCertificate(certificate).get()));
+    X509_REVOKED_set_revocationDate(entry, from.get());
+    Check(X509_CRL_add0_revoked(list.get(), entry) == 1, "list entry");
+  }
+  for (const Extension& extension : options.crl_extensions) {
+    Check(X509_CRL_add_ext(list.get(), MakeExtension(extension).get(), -1) == 1,
+          "list extension");
+  }
+  Check(X509_CRL_sign(list.get(), ReadKey(key_).get(), EVP_sha256()) > 0,
+        "list");
+  return ToPem(
+      [&](BIO* bio) { return PEM_write_bio_X509_CRL(bio, list.get()); });
+}
+
+std::string TestAuthority::AnswerOcsp(const std::string& request,
+                                      const RevocationOptions& options) const {
+  const auto* input = reinterpret_cast<const unsigned char*>(request.data());
+  const OpenSslPtr<OCSP_REQUEST, &OCSP_REQUEST_free> asked(
+      d2i_OCSP_REQUEST(nullptr, &input, static_cast<long>(request.size())));
+  Check(asked != nullptr && OCSP_request_onereq_count(asked.get()) == 1,
+        "OCSP request");
+  OCSP_CERTID* const id =
+      OCSP_onereq_get0_id(OCSP_request_onereq_get0(asked.get(), 0));
+  const CertificatePtr issuer = ReadCertificate(certificate_);
+  bool is_revoked = false;
+  for (const std::string& certificate : revoked_) {
+    const OpenSslPtr<OCSP_CERTID, &OCSP_CERTID_free> revoked(OCSP_cert_to_id(
+        EVP_sha1(), ReadCertificate(certificate).get(), issuer.get()));
+    is_revoked = is_revoked || OCSP_id_cmp(id, revoked.get()) == 0;
+  }
+  const OpenSslPtr<OCSP_BASICRESP, &OCSP_BASICRESP_free> answer(
+      OCSP_BASICRESP_new());
+  const TimePtr from = TimeFromNow(options.valid_from_s);
+  OCSP_basic_add1_status(
+      answer.get(), id,
+      is_revoked ? V_OCSP_CERTSTATUS_REVOKED : V_OCSP_CERTSTATUS_GOOD,
+      is_revoked ? OCSP_REVOKED_STATUS_KEYCOMPROMISE : 0, from.get(),
+      from.get(), TimeFromNow(options.valid_until_s).get());
+  const CertificatePtr signer = ReadCertificate(
+      options.responder ? options.responder->certificates : certificate_);
+  const KeyPtr key = ReadKey(options.responder ? options.responder->key : key_);
+  Check(OCSP_basic_sign(answer.get(), signer.get(), key.get(), EVP_sha256(),
+                        nullptr, 0) == 1,
+        "OCSP answer");
+  const OpenSslPtr<OCSP_RESPONSE, &OCSP_RESPONSE_free> response(
+      OCSP_response_create(OCSP_RESPONSE_STATUS_SUCCESSFUL, answer.get()));
+  unsigned char* der = nullptr;
+  const int size = i2d_OCSP_RESPONSE(response.get(), &der);
+  Check(size > 0, "OCSP response");
+  std::string text(reinterpret_cast<char*>(der), static_cast<size_t>(size));
+  OPENSSL_free(der);
+  return text;
+}
+
+std::string TestAuthority::Answer(const HttpServerRequest& request,
+                                  const RevocationOptions& options) const {
+  return request.method == "POST" ? AnswerOcsp(request.body, options)
+                                  : ToDer(MakeCrl(options));
+}
+
 void TestAuthority::WriteAnchors(const std::filesystem::path& directory) const {
   namespace fs = std::filesystem;
   fs::create_directories(directory);
@@ -168,6 +294,34 @@ void TestAuthority::WriteAnchors(const std::filesystem::path& directory) const {
   const fs::path file = directory / "authority.pem";
   std::ofstream(file) << certificate_;
   fs::permissions(file, fs::perms(0644));
+}
+
+std::string ToDer(const std::string& pem) {
+  const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  char* name = nullptr;
+  char* header = nullptr;
+  unsigned char* data = nullptr;
+  long size = 0;
+  Check(PEM_read_bio(bio.get(), &name, &header, &data, &size) == 1, "PEM");
+  std::string der(reinterpret_cast<char*>(data), static_cast<size_t>(size));
+  OPENSSL_free(name);
+  OPENSSL_free(header);
+  OPENSSL_free(data);
+  return der;
+}
+
+std::vector<CertificatePtr> ReadCertificates(
+    const platform::CryptoContext& context, const std::string& pem) {
+  std::vector<CertificatePtr> certificates;
+  constexpr std::string_view kBegin = "-----BEGIN CERTIFICATE";
+  for (size_t at = pem.find(kBegin); at != pem.npos;
+       at = pem.find(kBegin, at + 1)) {
+    const std::string der = ToDer(pem.substr(at));
+    auto bytes = std::as_bytes(std::span(der));
+    certificates.push_back(context.TakeCertificate(bytes));
+    Check(certificates.back() != nullptr, "certificate");
+  }
+  return certificates;
 }
 
 void SignExecutable(const std::filesystem::path& file,

@@ -4,10 +4,13 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "build_values.h"
+#include "platform/linux/signing/crypto_context.h"
+#include "tests/support/http_server.h"
 
 namespace zu::test {
 
@@ -22,6 +25,12 @@ struct Credential {
   std::string certificates;
 };
 
+struct Extension {
+  std::string oid;  // Dotted.
+  std::string der;  // The value.
+  bool critical = true;
+};
+
 // What a leaf says. The defaults are the vendor's.
 struct LeafOptions {
   // Of the subject, in this order; may hold NULs.
@@ -33,6 +42,25 @@ struct LeafOptions {
   int64_t valid_from_s = -3600;
   int64_t valid_until_s = 3600;
   unsigned rsa_bits = 0;  // 0: an elliptic-curve key, which is quickly made.
+  // Of the subject, too, in front of the common names.
+  std::vector<std::string> mail_addresses = {};
+  std::vector<std::string> organizations = {ZU_DEVELOPER_ID_NAME};
+  std::vector<std::string> organizational_units = {ZU_DEVELOPER_ID_TEAM};
+  // Where to ask whether it is revoked; empty leaves them out.
+  std::string ocsp_url = "";
+  std::string crl_url = "";
+  std::vector<Extension> extensions = {};
+  std::string digest = "SHA256";  // Under which it is signed.
+};
+
+// What an authority says about revocation.
+struct RevocationOptions {
+  // Of the statement, from now, in seconds.
+  int64_t valid_from_s = -60;
+  int64_t valid_until_s = 3600;
+  // Signs OCSP answers in the authority's place.
+  std::optional<Credential> responder = std::nullopt;
+  std::vector<Extension> crl_extensions = {};
 };
 
 // Every failure throws std::runtime_error.
@@ -43,8 +71,24 @@ class TestAuthority {
   explicit TestAuthority(const std::string& name = "Test Authority",
                          const TestAuthority* parent = nullptr,
                          const std::string& extended_key_usage = "");
+  // The same with a leaf's options, but for the key usage.
+  explicit TestAuthority(LeafOptions options,
+                         const TestAuthority* parent = nullptr);
 
   Credential Issue(const LeafOptions& options = {}) const;
+
+  // From now on lists and answers name it. Not while a server answers.
+  void Revoke(const Credential& credential);
+  void Revoke(const TestAuthority& subordinate);
+
+  // The list of what it has revoked: PEM.
+  std::string MakeCrl(const RevocationOptions& options = {}) const;
+  // The answer to an OCSP request: DER.
+  std::string AnswerOcsp(const std::string& request,
+                         const RevocationOptions& options = {}) const;
+  // For HttpServer: OCSP by POST, the list (in DER) by GET.
+  std::string Answer(const HttpServerRequest& request,
+                     const RevocationOptions& options = {}) const;
 
   // The authority's own certificate.
   const std::string& certificate() const { return certificate_; }
@@ -55,6 +99,7 @@ class TestAuthority {
  private:
   std::string key_;
   std::string certificate_;
+  std::vector<std::string> revoked_;  // Certificates.
   // What comes behind a leaf's certificate: none for a root.
   std::string chain_;
 };
@@ -63,6 +108,12 @@ class TestAuthority {
 // itself, or one issued with a leaf's key.
 Credential MakeSelfSigned(const LeafOptions& options = {});
 Credential IssueBelow(const Credential& leaf, const LeafOptions& options = {});
+
+// The first block of PEM text, decoded.
+std::string ToDer(const std::string& pem);
+// All certificates of PEM text.
+std::vector<platform::CertificatePtr> ReadCertificates(
+    const platform::CryptoContext& context, const std::string& pem);
 
 // Signs an ELF file in place, as zusign does. An empty identifier gives the
 // file's base name. What was signed is signed anew.

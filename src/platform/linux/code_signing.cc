@@ -1,16 +1,24 @@
 #include "platform/code_signing.h"
 
-#include <openssl/crypto.h>
-#include <mutex>
+#include <fcntl.h>
 #include <optional>
 #include <utility>
 
-#include "build_values.h"
 #include "platform/linux/signing/process_code.h"
 #include "platform/linux/signing/requirement.h"
+#include "platform/linux/signing/shared_verifier.h"
+#include "platform/linux/signing/static_code.h"
 #include "platform/linux/signing/status.h"
-#include "platform/linux/signing/verifier.h"
-#include "support/never_destroyed.h"
+#include "platform/linux/signing/trust/certificates.h"
+#include "support/utf8.h"
+
+// What hosts hold: a heap cell with the library's own reference.
+struct ZuCode {
+  zu::platform::CodeRef ref;
+};
+struct ZuCertificates {
+  std::vector<zu::platform::CertificateRef> refs;
+};
 
 namespace zu::platform {
 
@@ -18,9 +26,20 @@ struct Requirement {
   Expression expression;
 };
 
-// A process's code is the only kind that can be made so far.
+// What a path leads to, or what a process runs.
 struct Code {
-  ProcessCode process;
+  explicit Code(StaticCode at_rest) : code(std::move(at_rest)) {}
+  explicit Code(ProcessCode running)
+      : code(StaticCode(
+            FileDescriptor(::fcntl(running.executable(), F_DUPFD_CLOEXEC, 0)))),
+        process(std::move(running)) {}
+
+  StaticCode code;
+  std::optional<ProcessCode> process;
+};
+
+struct Certificate {
+  CertificatePtr certificate;
 };
 
 namespace {
@@ -28,50 +47,13 @@ namespace {
 // What any local user can make us read before a new client is refused.
 constexpr uint64_t kMaxProcessContentSize = uint64_t{1} << 30;
 
-// One verifier for all of the library, made when it is first needed. Threads of
-// the host may still be in here while the process exits: they keep what they
-// use, and later ones get none.
-class SharedVerifier {
- public:
-  constexpr SharedVerifier() = default;
+// From 1970-01-01 to 2001-01-01.
+constexpr double kEpochDifference_s = 978307200.0;
 
-  std::shared_ptr<Verifier> Get() {
-    const std::lock_guard lock(mutex_);
-    if (!verifier_ && !closed_) {
-      verifier_ = Verifier::Create(ZU_ANCHORS_DIRECTORY);
-    }
-    return closed_ ? nullptr : verifier_;
-  }
-
-  void Close() {
-    // Held for good in a child that was forked while another thread had it.
-    const std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock) return;
-    closed_ = true;
-    if (!verifier_) return;
-    // A host may have shut libcrypto down by itself. Its objects can only be
-    // left then.
-    if (OPENSSL_init_crypto(0, nullptr) == 1) verifier_.reset();
-  }
-
- private:
-  std::mutex mutex_;
-  bool closed_ = false;
-  std::shared_ptr<Verifier> verifier_;
-};
-
-constinit NeverDestroyed<SharedVerifier> g_shared;
-
-// Exit handlers run in reverse. The early priority puts libcrypto's own before
-// this one, and this one before those that stop the library's threads: first
-// nobody verifies any more, then the verifier goes, then libcrypto.
-struct VerifierLifetime {
-  // Without any option nothing would be done and no handler registered; this
-  // one costs next to nothing and changes nothing for the host.
-  VerifierLifetime() { OPENSSL_init_crypto(OPENSSL_INIT_ASYNC, nullptr); }
-  ~VerifierLifetime() { g_shared.value.Close(); }
-};
-[[gnu::init_priority(101)]] const VerifierLifetime g_lifetime;
+std::optional<double> ToAbsoluteTime(std::optional<int64_t> unix_time) {
+  if (!unix_time) return std::nullopt;
+  return static_cast<double>(*unix_time) - kEpochDifference_s;
+}
 
 }  // namespace
 
@@ -82,22 +64,35 @@ RequirementRef CompileRequirement(const char* text) {
       Requirement{*std::move(expression)});
 }
 
+CodeRef CreateStaticCode(const char* path) {
+  if (!IsValidUtf8(path)) return nullptr;
+  std::optional<StaticCode> code = StaticCode::Open(path);
+  if (!code) return nullptr;
+  return std::make_shared<const Code>(*std::move(code));
+}
+
 CodeRef CopyCodeOfProcess(const ProcessReference& process) {
   std::optional<ProcessCode> code = ProcessCode::Open(process);
   if (!code) return nullptr;
-  return std::make_shared<const Code>(Code{*std::move(code)});
+  return std::make_shared<const Code>(*std::move(code));
 }
 
-CodeKind KindOf(const Code& /*code*/) { return CodeKind::kDynamic; }
+CodeKind KindOf(const Code& code) {
+  return code.process ? CodeKind::kDynamic : CodeKind::kStatic;
+}
 
 int32_t CheckStaticCodeValidity(const Code& code, uint32_t flags,
                                 const Requirement* requirement) {
-  const std::shared_ptr<Verifier> verifier = g_shared.value.Get();
+  const std::shared_ptr<Verifier> verifier = SharedVerifier();
   if (!verifier) return kCodeSigningInternalError;
-  const Verification verification = verifier->Verify(
-      code.process.executable(),
-      {.consider_expiration = (flags & kConsiderExpiration) != 0,
-       .max_content_size = kMaxProcessContentSize});
+  VerifyOptions options{
+      .all_architectures = (flags & kCheckAllArchitectures) != 0,
+      .check_resources = (flags & kDoNotValidateResources) == 0,
+      .check_nested_code = (flags & kCheckNestedCode) != 0,
+      .consider_expiration = (flags & kConsiderExpiration) != 0,
+      .check_revocation = (flags & kEnforceRevocationChecks) != 0};
+  if (code.process) options.max_content_size = kMaxProcessContentSize;
+  const Verification verification = verifier->Verify(code.code, options);
   if (verification.status != kCodeSigningSuccess) return verification.status;
   if (requirement != nullptr &&
       !Satisfies(verification.facts, requirement->expression)) {
@@ -109,8 +104,8 @@ int32_t CheckStaticCodeValidity(const Code& code, uint32_t flags,
 int32_t CheckCodeValidity(const Code& code, uint32_t flags,
                           const Requirement* requirement) {
   const int32_t status = CheckStaticCodeValidity(code, flags, requirement);
-  if (status != kCodeSigningSuccess) return status;
-  switch (code.process.CurrentState()) {
+  if (status != kCodeSigningSuccess || !code.process) return status;
+  switch (code.process->CurrentState()) {
     case ProcessCode::State::kRunning:
       return kCodeSigningSuccess;
     case ProcessCode::State::kEnded:
@@ -120,5 +115,79 @@ int32_t CheckCodeValidity(const Code& code, uint32_t flags,
   }
   return kCodeSigningGuestInvalid;
 }
+
+std::optional<SigningInformation> CopySigningInformation(const Code& code) {
+  const std::shared_ptr<Verifier> verifier = SharedVerifier();
+  if (!verifier) return std::nullopt;
+  SignatureInformation found = verifier->Inspect(code.code);
+  if (found.status == kCodeSigningUnsigned) return std::nullopt;
+  SigningInformation information{
+      .timestamp = ToAbsoluteTime(found.timestamp),
+      .signing_time = ToAbsoluteTime(found.signing_time)};
+  for (CertificatePtr& certificate : found.certificates) {
+    information.certificates.push_back(
+        std::make_shared<const Certificate>(std::move(certificate)));
+  }
+  return information;
+}
+
+std::optional<std::string> SubjectSummary(const Certificate& certificate) {
+  return SubjectSummary(*certificate.certificate);
+}
+
+std::vector<std::byte> EncodedCertificate(const Certificate& certificate) {
+  const X509* const x509 = certificate.certificate.get();
+  const int size = i2d_X509(x509, nullptr);
+  if (size <= 0) return {};
+  std::vector<std::byte> der(static_cast<size_t>(size));
+  auto* out = reinterpret_cast<unsigned char*>(der.data());
+  i2d_X509(x509, &out);
+  return der;
+}
+
+std::optional<uint32_t> EvaluateTrustForRevocation(
+    std::span<const CertificateRef> certificates) {
+  const std::shared_ptr<Verifier> verifier = SharedVerifier();
+  if (!verifier || certificates.empty()) return std::nullopt;
+  std::vector<CertificatePtr> chain;
+  for (const CertificateRef& certificate : certificates) {
+    X509_up_ref(certificate->certificate.get());
+    chain.emplace_back(certificate->certificate.get());
+  }
+  switch (verifier->EvaluateTrust(chain)) {
+    case Trust::kTrusted:
+      return kTrustResultUnspecified;
+    case Trust::kUntrusted:
+      return kTrustResultRecoverableTrustFailure;
+    case Trust::kRevoked:
+      break;
+  }
+  return kTrustResultFatalTrustFailure;
+}
+
+CodeRef AdoptCodeObject(ZuCodeRef object) {
+  const std::unique_ptr<const ZuCode> adopted(object);
+  return ShareCodeObject(object);
+}
+
+CodeRef ShareCodeObject(ZuCodeRef object) {
+  return object != nullptr ? object->ref : nullptr;
+}
+
+ZuCodeRef ReleaseCodeObject(CodeRef code) {
+  return code ? new ZuCode{std::move(code)} : nullptr;
+}
+
+std::vector<CertificateRef> CertificatesOf(ZuCertificatesRef object) {
+  if (object == nullptr) return {};
+  return object->refs;
+}
+
+ZuCertificatesRef CreateCertificatesObject(
+    std::span<const CertificateRef> certificates) {
+  return new ZuCertificates{{certificates.begin(), certificates.end()}};
+}
+
+void ReleaseCertificatesObject(ZuCertificatesRef object) { delete object; }
 
 }  // namespace zu::platform

@@ -7,6 +7,9 @@
 
 namespace zu::platform {
 
+// The value of an extension is the text of a UTF8String, IA5String or
+// PrintableString, and of anything else its bytes. Digests that libcrypto
+// cannot make are empty, and equal none.
 CertificateFacts FactsOf(const X509& certificate);
 
 }  // namespace zu::platform

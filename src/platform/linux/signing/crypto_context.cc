@@ -1,9 +1,32 @@
 #include "platform/linux/signing/crypto_context.h"
 
 #include <openssl/objects.h>
+#include <algorithm>
 #include <limits>
 
 namespace zu::platform {
+namespace {
+
+// Reads into `object`, which is bound to a context.
+template <typename Ptr>
+Ptr Take(typename Ptr::pointer object,
+         typename Ptr::pointer (*decode)(typename Ptr::pointer*,
+                                         const unsigned char**, long),
+         std::span<const std::byte>& der) {
+  if (object == nullptr) return nullptr;
+  const auto* position = reinterpret_cast<const unsigned char*>(der.data());
+  const auto* const start = position;
+  const auto size = static_cast<long>(
+      std::min<size_t>(der.size(), std::numeric_limits<long>::max()));
+  // It is freed and gone when this fails.
+  if (decode(&object, &position, size) == nullptr) {
+    return nullptr;
+  }
+  der = der.subspan(static_cast<size_t>(position - start));
+  return Ptr(object);
+}
+
+}  // namespace
 
 std::shared_ptr<const CryptoContext> CryptoContext::Create() {
   const ScopedErrorMark mark;
@@ -13,7 +36,7 @@ std::shared_ptr<const CryptoContext> CryptoContext::Create() {
   made->provider_.reset(OSSL_PROVIDER_load(made->get(), "default"));
   if (!made->provider_) return nullptr;
   size_t index = 0;
-  for (const char* name : {"SHA2-256", "SHA2-384", "SHA2-512"}) {
+  for (const char* name : {"SHA1", "SHA2-256", "SHA2-384", "SHA2-512"}) {
     DigestPtr& digest = made->digests_[index++];
     digest.reset(EVP_MD_fetch(made->get(), name, nullptr));
     if (!digest) return nullptr;
@@ -23,12 +46,14 @@ std::shared_ptr<const CryptoContext> CryptoContext::Create() {
 
 const EVP_MD* CryptoContext::Digest(int nid) const {
   switch (nid) {
-    case NID_sha256:
+    case NID_sha1:
       return digests_[0].get();
-    case NID_sha384:
+    case NID_sha256:
       return digests_[1].get();
-    case NID_sha512:
+    case NID_sha384:
       return digests_[2].get();
+    case NID_sha512:
+      return digests_[3].get();
     default:
       return nullptr;
   }
@@ -36,18 +61,25 @@ const EVP_MD* CryptoContext::Digest(int nid) const {
 
 CertificatePtr CryptoContext::TakeCertificate(
     std::span<const std::byte>& der) const {
-  if (der.size() > std::numeric_limits<long>::max()) return nullptr;
-  // d2i frees what it was given when it fails.
-  X509* certificate = X509_new_ex(context_.get(), nullptr);
-  const auto* position = reinterpret_cast<const unsigned char*>(der.data());
-  const auto* const start = position;
-  if (certificate == nullptr ||
-      d2i_X509(&certificate, &position, static_cast<long>(der.size())) ==
-          nullptr) {
-    return nullptr;
+  return Take<CertificatePtr>(X509_new_ex(get(), nullptr), &d2i_X509, der);
+}
+
+CrlPtr CryptoContext::TakeCrl(std::span<const std::byte>& der) const {
+  return Take<CrlPtr>(X509_CRL_new_ex(get(), nullptr), &d2i_X509_CRL, der);
+}
+
+std::vector<std::byte> DigestOf(std::span<const std::byte> bytes,
+                                const EVP_MD& algorithm) {
+  const ScopedErrorMark mark;
+  std::vector<std::byte> digest(EVP_MAX_MD_SIZE);
+  unsigned size = 0;
+  if (EVP_Digest(bytes.data(), bytes.size(),
+                 reinterpret_cast<unsigned char*>(digest.data()), &size,
+                 &algorithm, nullptr) != 1) {
+    size = 0;
   }
-  der = der.subspan(static_cast<size_t>(position - start));
-  return CertificatePtr(certificate);
+  digest.resize(size);
+  return digest;
 }
 
 }  // namespace zu::platform

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "platform/linux/signing/openssl_ptr.h"
 
@@ -24,21 +25,28 @@ class CryptoContext {
 
   OSSL_LIB_CTX* get() const { return context_.get(); }
 
-  // The digest that `nid` names: SHA-256, SHA-384 or SHA-512. Null for others,
-  // which no signature may use.
+  // The digest that `nid` names: SHA-1, SHA-256, SHA-384 or SHA-512. Null for
+  // others, which no signature may use. SHA-1 is good for old signatures only;
+  // where that matters the caller refuses it.
   const EVP_MD* Digest(int nid) const;
 
   // One certificate in DER, at the start of `der`, which is shortened by it.
   // Null when there is none; `der` is then unchanged.
   CertificatePtr TakeCertificate(std::span<const std::byte>& der) const;
+  // One list of revoked certificates, likewise.
+  CrlPtr TakeCrl(std::span<const std::byte>& der) const;
 
  private:
   CryptoContext() = default;
 
   LibraryContextPtr context_;
   ProviderPtr provider_;
-  std::array<DigestPtr, 3> digests_;
+  std::array<DigestPtr, 4> digests_;
 };
+
+// Empty when libcrypto fails.
+std::vector<std::byte> DigestOf(std::span<const std::byte> bytes,
+                                const EVP_MD& algorithm);
 
 }  // namespace zu::platform
 

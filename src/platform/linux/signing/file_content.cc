@@ -1,5 +1,7 @@
 #include "platform/linux/signing/file_content.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <limits>
@@ -27,6 +29,23 @@ bool ReadAt(int descriptor, uint64_t offset, std::span<std::byte> destination) {
     offset += static_cast<uint64_t>(count);
   }
   return true;
+}
+
+std::optional<std::vector<std::byte>> ReadRegularFile(const std::string& path,
+                                                      uint64_t max_size) {
+  const FileDescriptor file(RetryOnInterrupt([&] {
+    return ::open(path.c_str(),
+                  O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  }));
+  struct stat status {};
+  if (!file.valid() || ::fstat(file.get(), &status) != 0 ||
+      !S_ISREG(status.st_mode) ||
+      static_cast<uint64_t>(status.st_size) > max_size) {
+    return std::nullopt;
+  }
+  std::vector<std::byte> bytes(static_cast<size_t>(status.st_size));
+  if (!ReadAt(file.get(), 0, bytes)) return std::nullopt;
+  return bytes;
 }
 
 std::optional<std::vector<std::byte>> DigestOfContent(int descriptor,

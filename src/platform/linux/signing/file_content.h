@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "platform/linux/signing/openssl_ptr.h"
@@ -21,6 +22,11 @@ namespace zu::platform {
 // ends before that or cannot be read; errno is 0 when it ended.
 [[nodiscard]] bool ReadAt(int descriptor, uint64_t offset,
                           std::span<std::byte> destination);
+
+// All of a regular file; absent when it is none (a symbolic link, say), is
+// larger than `max_size` or cannot be read.
+std::optional<std::vector<std::byte>> ReadRegularFile(const std::string& path,
+                                                      uint64_t max_size);
 
 // Hands the file's first `size` bytes to `consume(span)` chunk by chunk. False
 // when they cannot be read (errno as above), or `consume` returned false.

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <span>
+#include <sstream>
 
 #include "platform/linux/signing/certificate_facts.h"
 #include "tests/support/test_authority.h"
@@ -11,79 +14,85 @@ namespace {
 
 using namespace std::string_literals;
 
-CertificateFacts Certificate(std::string common_name) {
-  CertificateFacts facts;
-  facts.subject[0] = std::move(common_name);
-  return facts;
+std::vector<std::byte> Bytes(size_t count, char value) {
+  return std::vector<std::byte>(count, static_cast<std::byte>(value));
 }
 
-// Leaf "L", then "I", then root "R"; only the leaf has an organisation.
+// Leaf "L", then "I", then root "R", which is trusted.
 SignatureFacts Facts() {
   SignatureFacts facts;
-  facts.certificates = {Certificate("L"), Certificate("I"), Certificate("R")};
-  facts.certificates[0].subject[1] = "team";
-  facts.certificates[0].subject[2] = "a\"b\\c";
+  facts.certificates = {{{{"subject.CN", "L"},
+                          {"subject.OU", "team"},
+                          {"subject.O", "a\"b\\c"},
+                          {"subject.UID", std::nullopt},
+                          {"field.1.2.3", "text"}},
+                         Bytes(20, '\xaa'),
+                         Bytes(32, 'a')},
+                        {{{"subject.CN", "I"}}, Bytes(20, '\xbb'), {}},
+                        {{{"subject.CN", "R"}}, Bytes(20, '\xcc'), {}}};
   facts.identifier = "id";
+  facts.cdhashes = {Bytes(20, '\x11'), Bytes(20, '\x22')};
   facts.anchor_trusted = true;
   return facts;
 }
 
-// "@" stands for what is true, "#" for what is false.
-std::string Expand(const std::string& text) {
-  std::string expanded;
-  for (const char c : text) {
-    expanded += c == '@'   ? "anchor trusted"
-                : c == '#' ? "identifier \"x\""
-                           : std::string(1, c);
-  }
-  return expanded;
+// H"a0" becomes a digest of twenty such bytes.
+std::string WithDigests(std::string text) {
+  const size_t start = text.find("H\"") + 2;
+  if (start < 2) return text;
+  const std::string digits = text.substr(start, 2);
+  for (int i = 1; i < 20; ++i) text.insert(start, digits);
+  return text;
 }
 
 std::string Nested(const char* open, const char* close, int depth) {
   std::string text;
   for (int i = 0; i < depth; ++i) text += open;
-  text += '@';
+  text += "true";
   for (int i = 0; i < depth; ++i) text += close;
   return text;
 }
 
+// The parts of a text between semicolons.
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text);
+  for (std::string part; std::getline(stream, part, ';');) {
+    parts.push_back(part);
+  }
+  return parts;
+}
+
 TEST(RequirementTest, Evaluates) {
-  const std::string satisfied[] = {
-      "@",
-      " \t\r\nanchor\ntrusted ",
-      "identifier \"id\"",
-      "certificate leaf [subject.CN] = \"L\"",
-      "certificate leaf[subject.CN]=\"L\"",
-      "certificate 0 [subject.CN] = \"L\"",
-      "certificate 1 [ subject.CN ] = \"I\"",
-      "certificate root [subject.CN] = \"R\"",
-      "certificate -1 [subject.CN] = \"R\"",
-      "certificate -3 [subject.CN] = \"L\"",
-      "certificate leaf [subject.OU] = \"team\"",
-      "certificate leaf [subject.O] = \"a\\\"b\\\\c\"",
-      "@ or @ and #",
-      "# and @ or @",
-      "!(# and #)",
-      "! ! @",
-      "# or # or @",
-      Nested("(", ")", kMaxExpressionDepth),
-      Nested("!", "", kMaxExpressionDepth)};
-  const std::string unsatisfied[] = {
-      "#",
-      "certificate 3 [subject.CN] = \"R\"",
-      "certificate -4 [subject.CN] = \"L\"",
-      "certificate -2147483648 [subject.CN] = \"L\"",
-      "certificate leaf [subject.OU] = \"Team\"",
-      "certificate leaf [subject.OU] = \"tea\"",
-      "certificate leaf [subject.OU] = \"teams\"",
-      "certificate leaf [subject.OU] = \"team\0\""s,
-      "certificate root [subject.OU] = \"\"",
-      "(@ or @) and #",
-      "!# and #",
-      "@ and @ and #"};
+  std::vector<std::string> satisfied = Split(R"(
+      always; anchor trusted; identifier "id"; identifier = id; cdhash H"22";
+      cert leaf = H"aA"; anchor = H"CC"; cert 2 trusted; cert root trusted;
+      anchor [subject.CN] = R; certificate leaf[subject.CN]="L";
+      cert 0 [ subject.CN ] = L; cert 1 [subject.CN] = I;
+      cert -1 [subject.CN] = R; cert -3 [subject.CN] = L;
+      cert leaf [subject.O] = "a\"b\\c"; cert leaf [subject.UID];
+      cert 0 [field.1.2.3] /* exists */ and cert 0 [subject.OU] exists;
+      cert leaf [field.1.2.3] = text; cert leaf [subject.OU] = te*;
+      cert leaf [subject.OU] = *"am"; cert leaf [subject.OU] = *ea*;
+      true or true and false; !(false and false); ! ! true; /* or never */
+      anchor// never
+      trusted # and never)");
+  satisfied.push_back(Nested("(", ")", kMaxExpressionDepth));
+  satisfied.push_back(Nested("!", "", kMaxExpressionDepth));
+  const std::vector<std::string> unsatisfied = Split(R"(
+      never; identifier ID; cdhash H"33"; anchor apple; anchor apple generic;
+      cert leaf = H"bb"; cert 3 = H"cc"; cert leaf trusted; cert 3 trusted;
+      cert 3 [subject.CN] = R; cert -2147483647 [subject.CN];
+      cert root [subject.OU]; cert root [subject.OU] = "";
+      cert leaf [subject.UID] = ""*; cert leaf [field.1.2] exists;
+      cert leaf [subject.OU] = Team; cert leaf [subject.OU] = tea;
+      cert leaf [subject.OU] = ea*; cert leaf [subject.OU] = *ea;
+      cert leaf [subject.OU] = *teams*; cert leaf [subject.OU] = "te*";
+      (true or true) and false; !false and false; cert 0 [subject.OU] = "team)"
+                                                     "\0\""s);
   const auto check = [](const std::string& text, bool expected) {
     SCOPED_TRACE(text.substr(0, 80));
-    const std::optional<Expression> rule = ParseRequirement(Expand(text));
+    const auto rule = ParseRequirement(WithDigests(text));
     ASSERT_TRUE(rule);
     EXPECT_EQ(Satisfies(Facts(), *rule), expected);
   };
@@ -92,54 +101,67 @@ TEST(RequirementTest, Evaluates) {
 }
 
 TEST(RequirementTest, RefusesWhatIsNotTheLanguage) {
-  const std::string texts[] = {"certificate 2147483648 [subject.CN] = \"L\"",
-                               "certificate 1.0 [subject.CN] = \"I\"",
-                               "certificate leaf [subject.C] = \"L\"",
-                               Nested("(", ")", kMaxExpressionDepth + 1),
-                               Nested("!(", ")", 1000000),
-                               Nested("(", "", 1000000),
-                               "",
-                               "anchor",
-                               "anchor trustedx",
-                               "anchor apple",
-                               "@ @",
-                               "@ and",
-                               "@ and or @",
-                               "@ && @",
-                               "and @",
-                               "(@",
-                               "@)",
-                               "()",
-                               "!",
-                               "identifier id",
-                               "identifier \"id",
-                               "identifier \"id\\\"",
-                               "identifier \"id\\",
-                               "certificate [subject.CN] = \"L\"",
-                               "certificate leaf subject.CN = \"L\"",
-                               "certificate leaf [subject.CN = \"L\"",
-                               "certificate leaf [subject.CN] \"L\"",
-                               "certificate leaf [subject.CN] = L",
-                               "@\0"s};
+  std::vector<std::string> texts = Split(R"( ;
+      anchor; anchor trustedx; true true; true and; true and or true; and true;
+      true && true; (true; true); (); !; true /* or; identifier and;
+      identifier a-b; identifier "id; identifier "id\"; identifier "id\;
+      info [key] = text; cert [subject.CN]; cert leaf subject.CN;
+      cert leaf [subject.CN = L; cert leaf [subject.CN] L;
+      cert leaf [subject.CN] = *; cert leaf [subject.CN] = exists;
+      cert 1.0 [subject.CN]; cert - [subject.CN]; cert 2147483648 [subject.CN];
+      cert leaf [subject.XX]; cert leaf [field.]; cert leaf [field.1..2];
+      cert leaf [field.1.x]; cdhash H"00"; cdhash H"00)");
+  const std::string zeros(38, '0');
+  texts.insert(
+      texts.end(),
+      {"true\0"s, "cdhash H\"" + zeros + "000\"", "cdhash H\"" + zeros + "0x\"",
+       "cdhash \"" + zeros + "00\"", "anchor = H \"" + zeros + "00\"",
+       Nested("(", ")", kMaxExpressionDepth + 1), Nested("!(", ")", 16000),
+       "true" + std::string(kMaxRequirementSize, ' ')});
   for (const std::string& text : texts) {
-    EXPECT_FALSE(ParseRequirement(Expand(text))) << text.substr(0, 80);
+    EXPECT_FALSE(ParseRequirement(text)) << text.substr(0, 80);
   }
 }
 
+TEST(RequirementTest, KnowsChainsOfApples) {
+  // Digits as published for "Apple Root CA - G2".
+  const std::string digits =
+      "c2b9b042dd57830e7d117dac55ac8ae19407d38e41d88f3215bc3a890444a050";
+  SignatureFacts facts = Facts();
+  auto& certificates = facts.certificates;
+  const auto evaluate = [&] {
+    return std::pair(Satisfies(facts, *ParseRequirement("anchor apple")),
+                     Satisfies(facts, *ParseRequirement("anchor apple "
+                                                        "generic")));
+  };
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    certificates[2].sha256.push_back(
+        static_cast<std::byte>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  }
+  EXPECT_EQ(evaluate(), std::pair(false, true));
+  certificates[1].fields["subject.CN"] =
+      "Apple Code Signing Certification Authority";
+  facts.anchor_trusted = false;
+  EXPECT_EQ(evaluate(), std::pair(true, true));
+  certificates.push_back(certificates[0]);  // Apple's is no longer the root.
+  EXPECT_EQ(evaluate(), std::pair(false, false));
+}
+
+CertificatePtr ReadLeaf(const test::Credential& credential) {
+  const BioPtr bio(BIO_new_mem_buf(credential.certificates.data(), -1));
+  return CertificatePtr(
+      PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+}
+
 // Names as certificates really carry them: what counts is all of the one name.
-TEST(RequirementTest, ReadsNamesOfCertificates) {
+TEST(CertificateFactsTest, HasNamesOfCertificates) {
   const std::string name = test::kDeveloperIdName;
   const struct {
     std::vector<std::string> common_names;
     bool satisfied;
   } cases[] = {
-      {{name}, true},
-      {{name + "\0"s}, false},
-      {{name + "\0.evil"s}, false},
-      {{"\0"s + name}, false},
-      {{}, false},
-      {{name, "other"}, false},
-      {{"other", name}, false},
+      {{name}, true},        {{name + "\0"s}, false},  {{"\0"s + name}, false},
+      {{}, false},           {{name, "other"}, false}, {{"other", name}, false},
       {{name, name}, false},
   };
   const auto rule =
@@ -147,19 +169,52 @@ TEST(RequirementTest, ReadsNamesOfCertificates) {
   ASSERT_TRUE(rule.has_value());
   const test::TestAuthority authority;
   for (const auto& c : cases) {
-    const test::Credential credential =
-        authority.Issue({.common_names = c.common_names});
-    const BioPtr bio(
-        BIO_new_mem_buf(credential.certificates.c_str(),
-                        static_cast<int>(credential.certificates.size())));
-    const CertificatePtr leaf(
-        PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    const CertificatePtr leaf =
+        ReadLeaf(authority.Issue({.common_names = c.common_names}));
     ASSERT_TRUE(leaf);
     SignatureFacts facts;
     facts.certificates = {FactsOf(*leaf)};
     EXPECT_EQ(Satisfies(facts, *rule), c.satisfied)
         << ::testing::PrintToString(c.common_names);
   }
+}
+
+TEST(CertificateFactsTest, HasExtensionsAndDigests) {
+  const struct {
+    const char* oid;
+    const char* der;
+    std::optional<std::string> value;
+  } extensions[] = {
+      {"1.2.3.1", "DER:0c026869", "hi"},
+      {"1.2.3.2", "DER:16026869", "hi"},
+      {"1.2.3.3", "DER:0500", "\x05\x00"s},
+      {"1.2.3.4", "DER:0c036869", "\x0c\x03hi"},
+      {"1.2.3.5", "DER:0c016869", "\x0c\x01hi"},
+      {"1.2.3.6", "DER:0c0161", std::nullopt},
+      {"1.2.3.6", "DER:0c0161", std::nullopt},
+  };
+  const CertificatePtr leaf = ReadLeaf(test::TestAuthority().Issue());
+  ASSERT_TRUE(leaf);
+  for (const auto& row : extensions) {
+    X509_EXTENSION* const extension =
+        X509V3_EXT_conf(nullptr, nullptr, row.oid, row.der);
+    EXPECT_EQ(X509_add_ext(leaf.get(), extension, -1), 1) << row.oid;
+    X509_EXTENSION_free(extension);
+  }
+  const CertificateFacts facts = FactsOf(*leaf);
+  for (const auto& row : extensions) {
+    const auto field = facts.fields.find("field."s + row.oid);
+    ASSERT_NE(field, facts.fields.end()) << row.oid;
+    EXPECT_EQ(field->second, row.value) << row.oid;
+  }
+  EXPECT_TRUE(facts.fields.contains("field.2.5.29.37"));
+
+  unsigned char* der = nullptr;
+  const auto size = static_cast<size_t>(i2d_X509(leaf.get(), &der));
+  const std::span bytes(reinterpret_cast<const std::byte*>(der), size);
+  EXPECT_EQ(facts.sha1, DigestOf(bytes, *EVP_sha1()));
+  EXPECT_EQ(facts.sha256, DigestOf(bytes, *EVP_sha256()));
+  OPENSSL_free(der);
 }
 
 }  // namespace

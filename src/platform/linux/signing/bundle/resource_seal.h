@@ -5,13 +5,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
+#include "platform/linux/property_list.h"
 #include "platform/linux/signing/bundle/bundle_layout.h"
+#include "platform/linux/signing/bundle/resource_rules.h"
 #include "platform/linux/signing/crypto_context.h"
 
 namespace zu::platform {
@@ -38,7 +43,29 @@ class ResourceSeal {
                           const CheckNested& check_nested) const;
 
  private:
-  ResourceSeal();
+  // What was sealed under one path: a digest, a link or code.
+  struct Entry {
+    enum class Kind { kDigest, kSymlink, kCode };
+    Kind kind = Kind::kDigest;
+    bool optional = false;  // May be missing.
+    int digest = 0;         // As a libcrypto NID.
+    // The digest, the link's text or the code's requirement, in the list:
+    // a binary one can refer to a long text any number of times.
+    std::string_view value = {};
+  };
+  // Where the comparison stands.
+  struct Check;
+
+  ResourceSeal(PropertyList list, ResourceRules rules)
+      : list_(std::move(list)), rules_(std::move(rules)) {}
+
+  static std::optional<Entry> ParseEntry(PropertyList::Value value);
+  int32_t Compare(const FoundResource& found, Check& check) const;
+
+  const PropertyList list_;
+  const ResourceRules rules_;
+  bool nested_ = false;  // Of the generation that knows nested code.
+  std::map<std::string_view, Entry> entries_;
 };
 
 }  // namespace zu::platform

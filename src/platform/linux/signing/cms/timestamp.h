@@ -13,10 +13,23 @@
 
 namespace zu::platform {
 
+// What a token's content (TSTInfo) says.
+struct TimestampInfo {
+  int digest_nid = 0;  // libcrypto's, NID_undef when it does not know it.
+  std::vector<std::byte> digest = {};  // Of what was there at the time.
+  int64_t time = 0;                    // In seconds of the Unix epoch.
+  // The two's-complement octets; absent when the request had none.
+  std::optional<std::vector<std::byte>> nonce = std::nullopt;
+};
+
+std::optional<TimestampInfo> ParseTimestampInfo(
+    std::span<const std::byte> bytes);
+
 struct Timestamp {
   int64_t time = 0;  // In seconds of the Unix epoch.
   // The authority's, then those above it as far as the token has them.
   std::vector<CertificatePtr> certificates = {};
+  std::optional<std::vector<std::byte>> nonce = std::nullopt;  // As above.
 };
 
 // Reads a token and checks that its signer signed it and that it is about

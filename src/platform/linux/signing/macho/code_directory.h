@@ -22,6 +22,11 @@ enum class CodeHash : uint8_t {
   kSha384 = 4,
 };
 
+// How many bytes a directory keeps of such a hash; 0 for an unknown one.
+uint8_t HashSize(CodeHash hash);
+// The digest algorithm, as a libcrypto NID; NID_undef for an unknown one.
+int DigestNid(CodeHash hash);
+
 // Special slots: what a directory seals beside the code.
 inline constexpr uint32_t kInfoSlot = 1;
 inline constexpr uint32_t kRequirementsSlot = 2;
@@ -62,7 +67,12 @@ struct CodeDirectory {
 std::optional<CodeDirectory> ParseCodeDirectory(
     std::span<const std::byte> blob);
 
+// Moves, but is not copied: its parts point into its bytes.
 struct EmbeddedSignature {
+  EmbeddedSignature() = default;
+  EmbeddedSignature(EmbeddedSignature&&) = default;
+  EmbeddedSignature& operator=(EmbeddedSignature&&) = default;
+
   enum class ParseResult { kOk, kUnsigned, kMalformed };
 
   // Takes the bytes that a slice's signature command names.

@@ -23,13 +23,13 @@ struct MachOSlice {
   FileRange range;                           // In the file.
   std::optional<FileRange> signature;        // In the slice, and inside it.
   std::optional<FileRange> info_dictionary;  // Likewise.
+  uint32_t alignment_shift = 0;  // What a universal header asks for.
 };
 
 // The slices that a universal header (32-bit or 64-bit) lists; `head` is the
 // start of the file, or all of a shorter one. Absent when it is not such a
 // header or a slice lies outside the file or the list is not all in `head`.
-// Slices come without cpu-independent contents: only the header's fields and
-// `range` are set.
+// Only the header's fields are set.
 std::optional<std::vector<MachOSlice>> ParseUniversalHeader(
     std::span<const std::byte> head, uint64_t file_size);
 
@@ -48,10 +48,11 @@ std::optional<uint64_t> LoadCommandsEnd(std::span<const std::byte> head,
 enum class MachOResult { kOk, kNotMachO, kMalformed, kUnreadable };
 
 // The slices of an open file, one for a thin image. Reads headers and load
-// commands only.
+// commands only. The slices of a universal file do not overlap, and each has
+// the CPU type that the header lists.
 MachOResult ReadMachO(int descriptor, std::vector<MachOSlice>& slices);
 
-// The slice that this host would run, else the first.
+// The slice that this host would run, else the first. There is at least one.
 const MachOSlice& NativeSlice(std::span<const MachOSlice> slices);
 
 }  // namespace zu::platform

@@ -3,20 +3,24 @@
 #define ZU_PLATFORM_LINUX_SIGNING_SIGNER_MACHO_SIGNER_H_
 
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "platform/linux/signing/macho/code_directory.h"
+#include "platform/linux/signing/signer/cms_writer.h"
 #include "platform/linux/signing/signer/signer.h"
 
 namespace zu::platform {
 
 struct MachOSignOptions {
-  std::string identifier;
+  std::string identifier = {};  // Empty: the file's base name.
   // Null: an ad-hoc signature.
   const SigningIdentity* identity = nullptr;
+  // Absent: the organizational unit of the identity's certificate, if that
+  // has a team's form.
   std::optional<std::string> team = std::nullopt;
   // One directory each, the first being the one that the CMS message signs.
   std::vector<CodeHash> hashes = {CodeHash::kSha256};
@@ -26,16 +30,30 @@ struct MachOSignOptions {
   std::optional<std::vector<std::byte>> info_dictionary = std::nullopt;
   std::optional<std::vector<std::byte>> resources = std::nullopt;
   std::optional<std::vector<std::byte>> entitlements = std::nullopt;
-  bool der_entitlements = false;  // Those also in their second form.
-  bool replace = false;           // Sign anew what is signed already.
-  // What the CMS message gets (signer.h).
+  // The same in their second form (DER).
+  std::optional<std::vector<std::byte>> der_entitlements = std::nullopt;
+  bool replace = false;  // Sign anew what is signed already.
+  // What the CMS message gets. The digests of the directories are added when
+  // there are several.
   CmsOptions cms = {};
 };
 
-// Signs every slice of a Mach-O file, thin or universal: as SignFile in
-// signer.h does.
+// Signs every slice of a Mach-O file, thin or universal, in place: on failure
+// the file is unchanged and `error` says why. kRefused: not Mach-O, signed
+// already, or without room for a signature.
 SignResult SignMachO(const std::string& path, const MachOSignOptions& options,
                      std::string& error);
+
+struct UniversalSlice {
+  uint32_t cpu_type = 0;
+  uint32_t cpu_subtype = 0;
+  uint32_t alignment_shift = 0;
+  std::vector<std::byte> content;
+};
+// A universal file of these slices. Absent when they are too much for a 32-bit
+// header.
+std::optional<std::vector<std::byte>> EncodeUniversal(
+    std::span<const UniversalSlice> slices, bool is_64);
 
 }  // namespace zu::platform
 

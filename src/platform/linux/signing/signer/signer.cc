@@ -1,132 +1,65 @@
 #include "platform/linux/signing/signer/signer.h"
 
-#include <fcntl.h>
 #include <openssl/objects.h>
-#include <openssl/pem.h>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
-#include "platform/linux/signing/elf/elf_signature.h"
+#include "platform/linux/signing/appended/appended_signature.h"
 #include "platform/linux/signing/file_content.h"
 #include "platform/linux/signing/signer/file_rewriter.h"
 
 namespace zu::platform {
 namespace {
 
-struct BufferDeleter {
-  void operator()(unsigned char* buffer) const { OPENSSL_free(buffer); }
-};
-
-std::string CryptoError(const char* what) {
-  const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
-  return std::string(what) + ": " +
-         (reason != nullptr ? reason : "libcrypto gives no reason");
-}
-
 std::string SystemError(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
 
-BioPtr OpenText(std::string_view text) {
-  return BioPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+// The block of a script starts on a line of its own: a last line without its
+// end gets one, which is signed with the rest.
+[[nodiscard]] bool EndLastLine(FileRewriter& rewriter, uint64_t& size) {
+  static constexpr std::byte kNewline{'\n'};
+  std::byte last{};
+  if (!ReadAt(rewriter.copy(), size - 1, {&last, 1})) return false;
+  if (last == kNewline) return true;
+  ++size;
+  return rewriter.Append({&kNewline, 1});
+}
+
+[[nodiscard]] bool AppendSignature(FileRewriter& rewriter,
+                                   AppendedFormat format,
+                                   const std::vector<std::byte>& signature) {
+  if (format == AppendedFormat::kScript) {
+    const std::string block = EncodeScriptBlock(signature);
+    return rewriter.Append(std::as_bytes(std::span(block)));
+  }
+  return rewriter.Append(signature) &&
+         rewriter.Append(
+             EncodeSignatureTrailer(static_cast<uint32_t>(signature.size())));
 }
 
 }  // namespace
 
-std::optional<SigningIdentity> SigningIdentity::FromPem(
-    std::string_view key, std::string_view certificates, std::string& error) {
-  const ScopedErrorMark mark;
-  SigningIdentity identity;
-  identity.context = CryptoContext::Create();
-  if (!identity.context) {
-    error = "libcrypto cannot be initialized";
-    return std::nullopt;
-  }
-  const BioPtr key_text = OpenText(key);
-  identity.key.reset(
-      PEM_read_bio_PrivateKey_ex(key_text.get(), nullptr, nullptr, nullptr,
-                                 identity.context->get(), nullptr));
-  if (!identity.key) {
-    error = CryptoError("the private key cannot be read");
-    return std::nullopt;
-  }
-  const BioPtr certificate_text = OpenText(certificates);
-  identity.chain.reset(sk_X509_new_null());
-  for (;;) {
-    X509* certificate = X509_new_ex(identity.context->get(), nullptr);
-    if (PEM_read_bio_X509(certificate_text.get(), &certificate, nullptr,
-                          nullptr) == nullptr) {
-      X509_free(certificate);
-      break;
-    }
-    if (!identity.leaf) {
-      identity.leaf.reset(certificate);
-    } else {
-      sk_X509_push(identity.chain.get(), certificate);
-    }
-  }
-  if (!identity.leaf ||
-      ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {
-    error = CryptoError("the certificates cannot be read");
-    return std::nullopt;
-  }
-  if (X509_check_private_key(identity.leaf.get(), identity.key.get()) != 1) {
-    error = "the certificate is not the private key's";
-    return std::nullopt;
-  }
-  return identity;
-}
-
 std::optional<std::vector<std::byte>> CreateSignature(
     const SigningIdentity& identity, int descriptor, uint64_t content_size,
-    std::string_view identifier, std::string& error) {
+    std::string_view identifier, std::string& error,
+    const TimestampSource& timestamp) {
   const ScopedErrorMark mark;
-  constexpr unsigned kFlags = CMS_BINARY | CMS_DETACHED | CMS_PARTIAL;
-  const CmsPtr message(CMS_sign_ex(nullptr, nullptr, identity.chain.get(),
-                                   nullptr, kFlags, identity.context->get(),
-                                   nullptr));
-  CMS_SignerInfo* const signer =
-      !message
-          ? nullptr
-          : CMS_add1_signer(
-                message.get(), identity.leaf.get(), identity.key.get(),
-                identity.context->Digest(NID_sha256), kFlags | CMS_NOSMIMECAP);
-  if (signer == nullptr ||
-      CMS_signed_add1_attr_by_NID(signer, NID_id_smime_aa_contentIdentifier,
-                                  V_ASN1_OCTET_STRING, identifier.data(),
-                                  static_cast<int>(identifier.size())) != 1) {
-    error = CryptoError("the signature cannot be started");
-    return std::nullopt;
-  }
-  const BioPtr content(CMS_dataInit(message.get(), nullptr));
-  if (!content) {
-    error = CryptoError("the signature cannot be started");
-    return std::nullopt;
-  }
-  if (!ReadInChunks(descriptor, content_size,
-                    [&](std::span<const std::byte> chunk) {
-                      size_t written = 0;
-                      return BIO_write_ex(content.get(), chunk.data(),
-                                          chunk.size(), &written) == 1 &&
-                             written == chunk.size();
-                    })) {
+  const auto digest = DigestOfContent(descriptor, content_size,
+                                      *identity.context->Digest(NID_sha256));
+  if (!digest) {
     error = SystemError("the content cannot be read");
     return std::nullopt;
   }
-  if (CMS_dataFinal(message.get(), content.get()) != 1) {
-    error = CryptoError("the key does not sign");
+  auto signature = CreateCms(
+      identity, *digest,
+      {.timestamp = timestamp, .content_identifier = std::string(identifier)},
+      error);
+  if (signature && signature->size() > kMaxSignatureSize) {
+    error = "the signature is too large";
     return std::nullopt;
   }
-  unsigned char* der = nullptr;
-  const int size = i2d_CMS_ContentInfo(message.get(), &der);
-  const std::unique_ptr<unsigned char, BufferDeleter> owner(der);
-  if (size <= 0 || static_cast<uint32_t>(size) > kMaxSignatureSize) {
-    error = "the signature cannot be encoded or is too large";
-    return std::nullopt;
-  }
-  const auto* const bytes = reinterpret_cast<const std::byte*>(der);
-  return std::vector<std::byte>(bytes, bytes + size);
+  return signature;
 }
 
 SignResult SignFile(const std::string& path, const SigningIdentity& identity,
@@ -142,11 +75,11 @@ SignResult SignFile(const std::string& path, const SigningIdentity& identity,
     case State::kUnreadable:
       error = path + ": cannot be read";
       return SignResult::kFailed;
-    case State::kNotElf:
-      error = path + ": not an ELF file";
+    case State::kNeither:
+      error = path + ": neither an ELF file nor a script";
       return SignResult::kRefused;
     case State::kMalformed:
-      error = path + ": has a broken signature trailer, strip it first";
+      error = path + ": has a broken signature, remove it first";
       return SignResult::kRefused;
     case State::kSigned:
       if (options.replace) break;
@@ -156,22 +89,24 @@ SignResult SignFile(const std::string& path, const SigningIdentity& identity,
       break;
   }
   // The copy is what gets signed: nobody else writes to it.
-  if (!rewriter->CopyContent(layout.content_size)) {
+  uint64_t content_size = layout.content_size;
+  if (!rewriter->CopyContent(content_size) ||
+      (layout.format == AppendedFormat::kScript &&
+       !EndLastLine(*rewriter, content_size))) {
     error = SystemError(path);
     return SignResult::kFailed;
   }
   const std::string identifier = options.identifier.empty()
                                      ? path.substr(path.rfind('/') + 1)
                                      : options.identifier;
-  const auto signature = CreateSignature(
-      identity, rewriter->copy(), layout.content_size, identifier, error);
+  const auto signature =
+      CreateSignature(identity, rewriter->copy(), content_size, identifier,
+                      error, options.timestamp);
   if (!signature) {
     error = path + ": " + error;
     return SignResult::kFailed;
   }
-  if (!rewriter->Append(*signature) ||
-      !rewriter->Append(
-          EncodeSignatureTrailer(static_cast<uint32_t>(signature->size()))) ||
+  if (!AppendSignature(*rewriter, layout.format, *signature) ||
       !rewriter->Commit()) {
     error = SystemError(path);
     return SignResult::kFailed;

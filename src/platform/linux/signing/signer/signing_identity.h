@@ -25,6 +25,9 @@ struct SigningIdentity {
   CertificateStackPtr chain;
 };
 
+// "what: reason", with the last reason that libcrypto gave in this thread.
+std::string CryptoError(const char* what);
+
 }  // namespace zu::platform
 
 #endif  // ZU_PLATFORM_LINUX_SIGNING_SIGNER_SIGNING_IDENTITY_H_

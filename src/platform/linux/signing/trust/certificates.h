@@ -39,7 +39,7 @@ struct ChainPolicy {
 
 struct ChainResult {
   int32_t status = 0;  // 0 or one of the chain's numbers in status.h.
-  // Leaf first, anchor last. Empty when no chain could be built.
+  // Leaf first, anchor last. Empty unless the status is 0.
   std::vector<CertificatePtr> chain = {};
   // It ends in a certificate of `anchors`.
   bool anchor_trusted = false;

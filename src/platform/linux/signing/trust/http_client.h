@@ -13,9 +13,18 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/signing/trust/http_message.h"
+
 namespace zu::platform {
 
 using Deadline = std::chrono::steady_clock::time_point;
+
+// The first of `parts` equal parts of the time from now to `deadline`, so that
+// one who does not answer leaves time to ask the others.
+inline Deadline PartOf(Deadline deadline, size_t parts) {
+  const Deadline now = std::chrono::steady_clock::now();
+  return now + (deadline - now) / static_cast<std::ptrdiff_t>(parts);
+}
 
 struct HttpRequest {
   std::string_view url;  // http:// only: what is fetched is signed itself.
@@ -24,13 +33,11 @@ struct HttpRequest {
   std::span<const std::byte> body = {};
 };
 
-inline constexpr size_t kMaxHttpResponseSize = 8 << 20;
-
 // The body of a response with status 200. Absent: the address is not
 // supported, nobody answered in time (name look-up included), another status,
-// a malformed or larger response. `error` then says which, for people.
-// Follows no redirection, uses no proxy, sends no signal. Blocks until
-// `deadline` at most.
+// a malformed response or one above kMaxHttpResponseSize. `error` then says
+// which, for people. Follows no redirection, uses no proxy, sends no signal.
+// Blocks until `deadline` at most.
 std::optional<std::vector<std::byte>> ExchangeHttp(const HttpRequest& request,
                                                    Deadline deadline,
                                                    std::string& error);

@@ -16,7 +16,8 @@ namespace zu::platform {
 // this order until one gives an answer that counts (signed by the issuer or by
 // whom it delegated this to, and current). A certificate about which nothing
 // can be learnt, for want of a responder, of time or of sense in its answer,
-// counts as good. The network is left alone after `deadline`.
+// counts as good. The time until `deadline` is shared among all who have to be
+// asked; none is asked after it. Thread-safe.
 [[nodiscard]] bool IsRevoked(const CryptoContext& context,
                              std::span<const CertificatePtr> chain,
                              std::span<const CrlPtr> lists, Deadline deadline);

@@ -16,7 +16,8 @@
 namespace zu::platform {
 namespace {
 
-constexpr off_t kMaxAnchorFileSize = 1 << 20;
+// Lists can be long.
+constexpr off_t kMaxAnchorFileSize = 8 << 20;
 
 // A change in the same tick of the file system's clock as an earlier one
 // leaves no trace. Two seconds is the coarsest tick there is.
@@ -28,6 +29,10 @@ struct DirectoryTraits {
   static void Close(Value directory) noexcept { ::closedir(directory); }
 };
 using Directory = ScopedHandle<DirectoryTraits>;
+
+void FreeOpenSsl(void* memory) { OPENSSL_free(memory); }
+using OpenSslText = OpenSslPtr<char, &FreeOpenSsl>;
+using OpenSslBytes = OpenSslPtr<unsigned char, &FreeOpenSsl>;
 
 FileDescriptor OpenAt(int directory, const char* name, int flags) {
   // Not blocked by a pipe that somebody put there.
@@ -42,36 +47,54 @@ bool IsSafe(const struct stat& status) {
          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-int NoPassword(char* /*buffer*/, int /*size*/, int /*writing*/,
-               void* /*argument*/) {
-  return 0;
+// Adds what a run of DER holds at its start; false when that is neither.
+bool TakeOne(const CryptoContext& context, std::span<const std::byte>& der,
+             TrustSet& set) {
+  if (const CertificatePtr certificate = context.TakeCertificate(der)) {
+    X509_STORE_add_cert(set.store.get(), certificate.get());
+    return true;
+  }
+  if (CrlPtr list = context.TakeCrl(der)) {
+    set.lists.push_back(std::move(list));
+    return true;
+  }
+  return false;
 }
 
 void AddPem(const CryptoContext& context, std::string_view text,
-            X509_STORE& store) {
+            TrustSet& set) {
   const BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
   while (bio && BIO_pending(bio.get()) > 0) {
-    X509* certificate = X509_new_ex(context.get(), nullptr);
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long size = 0;
     // Fails at a block that is broken, or at the end; goes on behind it.
-    if (PEM_read_bio_X509(bio.get(), &certificate, &NoPassword, nullptr) ==
-        nullptr) {
-      X509_free(certificate);
-      continue;
+    if (PEM_read_bio(bio.get(), &name, &header, &data, &size) != 1) continue;
+    const OpenSslText owned_name(name);
+    const OpenSslText owned_header(header);
+    const OpenSslBytes owned_data(data);
+    const std::string_view kind = name;
+    // A header belongs to an encrypted block.
+    if (*header == '\0' &&
+        (kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD ||
+         kind == PEM_STRING_X509_CRL)) {
+      std::span<const std::byte> der =
+          std::as_bytes(std::span(data, static_cast<size_t>(size)));
+      TakeOne(context, der, set);
     }
-    X509_STORE_add_cert(&store, CertificatePtr(certificate).get());
   }
 }
 
-void AddCertificates(const CryptoContext& context,
-                     std::span<const std::byte> bytes, X509_STORE& store) {
+void AddAll(const CryptoContext& context, std::span<const std::byte> bytes,
+            TrustSet& set) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()),
                               bytes.size());
   if (text.find("-----BEGIN ") != text.npos) {
-    AddPem(context, text, store);
+    AddPem(context, text, set);
     return;
   }
-  while (const CertificatePtr certificate = context.TakeCertificate(bytes)) {
-    X509_STORE_add_cert(&store, certificate.get());
+  while (TakeOne(context, bytes, set)) {
   }
 }
 
@@ -181,7 +204,7 @@ TrustAnchors::Loaded TrustAnchors::Load() const {
       loaded.reusable = false;
       continue;
     }
-    AddCertificates(*context_, bytes, *loaded.trusted->store);
+    AddAll(*context_, bytes, *loaded.trusted);
   }
   return loaded;
 }

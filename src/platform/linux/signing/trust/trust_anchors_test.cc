@@ -1,7 +1,6 @@
 #include "platform/linux/signing/trust/trust_anchors.h"
 
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <filesystem>
@@ -16,6 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::TestAuthority;
+using test::ToDer;
 
 class TrustAnchorsTest : public ::testing::Test {
  protected:
@@ -46,17 +46,6 @@ class TrustAnchorsTest : public ::testing::Test {
     return {context_, top_ / name};
   }
 
-  static std::string ToDer(const std::string& pem) {
-    const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    const CertificatePtr certificate(
-        PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-    unsigned char* der = nullptr;
-    const int size = i2d_X509(certificate.get(), &der);
-    std::string text(reinterpret_cast<char*>(der), static_cast<size_t>(size));
-    OPENSSL_free(der);
-    return text;
-  }
-
   const std::shared_ptr<const CryptoContext> context_ = CryptoContext::Create();
   fs::path top_;
 };
@@ -65,11 +54,13 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
   const TestAuthority authority;
   const std::string a = authority.certificate();
   const std::string b = TestAuthority("Second").certificate();
+  const std::string list = authority.MakeCrl();
   const struct {
     const char* name;
     int count;
     std::function<void()> prepare;
     bool for_root = false;
+    size_t lists = 0;
   } cases[] = {
       {"nothing", 0, [] {}},
       {"PEM", 1, [&] { Write(a); }},
@@ -96,6 +87,13 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
          Write(encrypted + a);
        }},
       {"no certificate", 0, [&] { Write("none"); }},
+      {"beside lists, PEM", 1, [&] { Write(list + a + list); }, false, 2},
+      {"beside lists, DER", 1,
+       [&] {
+         Write(ToDer(list) + ToDer(a));
+         Write(ToDer(list), "anchors/b");
+       },
+       false, 2},
       {"beside what is no file", 1,
        [&] {
          Write(a);
@@ -132,6 +130,7 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
     c.prepare();
     TrustAnchors anchors = Make();
     EXPECT_EQ(Count(anchors), c.count) << c.name;
+    EXPECT_EQ(anchors.Current()->lists.size(), c.lists) << c.name;
   }
   TrustAnchors missing = Make("missing");
   EXPECT_EQ(Count(missing), 0);

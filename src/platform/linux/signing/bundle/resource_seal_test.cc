@@ -1,0 +1,220 @@
+#include "platform/linux/signing/bundle/resource_seal.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <vector>
+
+#include "tests/support/test_tree.h"
+
+namespace zu::platform {
+namespace {
+
+// Digests of "hello\n".
+constexpr char kSha1[] = "<data>9XLTlvrpIGYocU+yzgD3LpTyJY8=</data>";
+constexpr char kSha256[] =
+    "<data>WJG1tSLV3whtD/CxEPvZ0hu0/HFjrzTQgoai6Eb2vgM=</data>";
+
+// A dictionary out of names and values.
+using Fields = std::vector<std::pair<std::string, std::string>>;
+std::string Dictionary(const Fields& fields) {
+  std::string text = "<dict>";
+  for (const auto& [key, value] : fields) {
+    text += "<key>" + key + "</key>" + value;
+  }
+  return text + "</dict>";
+}
+
+std::shared_ptr<const ResourceSeal> Parse(const std::string& text) {
+  return ResourceSeal::Parse(std::as_bytes(std::span(text)));
+}
+
+std::string Code(const std::string& requirement) {
+  return Dictionary({{"cdhash", "<data>AA==</data>"},
+                     {"requirement", "<string>" + requirement + "</string>"}});
+}
+
+const std::string kBest = Dictionary({{"hash2", kSha256}});
+const std::string kNestedRule =
+    Dictionary({{"nested", "<true/>"}, {"weight", "<integer>10</integer>"}});
+
+const Fields kFiles2 = {
+    {"Resources/a", Dictionary({{"hash", kSha1}, {"hash2", kSha256}})},
+    {"Resources/b", Dictionary({{"hash", kSha1}})},
+    {"Resources/en.lproj/c",
+     Dictionary({{"hash2", kSha256}, {"optional", "<true/>"}})},
+    {"Resources/link", Dictionary({{"symlink", "<string>a</string>"}})},
+    {"Frameworks/F.framework", Code("good")},
+    {"MacOS/tool", Code("good")},
+};
+const Fields kRules2 = {
+    {"^.*", "<true/>"},
+    {"^Frameworks/|^MacOS/", kNestedRule},
+    {"^Resources/", "<integer>20</integer>"},
+    {"\\.lproj/",
+     Dictionary({{"optional", "<true/>"}, {"weight", "<real>1000</real>"}})},
+    {"^Resources/skip|\\.DS_Store$",
+     Dictionary({{"omit", "<true/>"}, {"weight", "<integer>30</integer>"}})},
+    {"skipped/but$", "<integer>40</integer>"},
+};
+const std::vector<std::string> kTree = {
+    "Resources/a=hello\n",
+    "Resources/b=hello\n",
+    "Resources/link>a",
+    "Frameworks/F.framework/F=anything",
+    "MacOS/tool=anything",
+    "MacOS/Run=anything",
+    "_CodeSignature/CodeResources=anything",
+    "_MASReceipt/receipt=anything",
+    "CodeResources>_CodeSignature/CodeResources",
+    "Resources/skip.txt=anything",
+    "Resources/skipped/file=anything",
+    "Frameworks/.DS_Store=anything",
+};
+
+// What one seal says about the tree after each of some changes.
+struct Change {
+  const char* name;
+  std::vector<std::string> lines;
+  int32_t expected;
+  int32_t nested = 0;  // What the check of nested code answers.
+};
+
+void Verify(const std::string& text, const std::vector<Change>& changes) {
+  const auto context = CryptoContext::Create();
+  const auto seal = Parse(text);
+  ASSERT_TRUE(seal);
+  for (const Change& change : changes) {
+    SCOPED_TRACE(change.name);
+    const test::TestTree tree;
+    for (const std::string& line : kTree) tree.Put(line);
+    for (const std::string& line : change.lines) {
+      if (line.front() == '|') {
+        ::mkfifo(tree.Path(line.substr(1)).c_str(), 0600);
+      } else {
+        tree.Put(line);
+      }
+    }
+    const BundleLayout bundle{.root = tree.root(),
+                              .resource_base = tree.root(),
+                              .info_dictionary = {},
+                              .executable = tree.Path("MacOS/Run"),
+                              .signature_directory = {}};
+    const int32_t status = seal->VerifyResources(
+        *context, bundle,
+        [&](const std::string& path, const std::string& requirement) {
+          EXPECT_EQ(requirement, "good");
+          EXPECT_TRUE(path == tree.Path("MacOS/tool") ||
+                      path == tree.Path("Frameworks/F.framework"))
+              << path;
+          return change.nested;
+        });
+    EXPECT_EQ(status, change.expected);
+  }
+}
+
+TEST(ResourceSealTest, ComparesSecondGeneration) {
+  Verify(Dictionary({{"files", "<dict/>"},
+                     {"rules", "<dict/>"},
+                     {"files2", Dictionary(kFiles2)},
+                     {"rules2", Dictionary(kRules2)}}),
+         {
+             {"as sealed", {}, 0},
+             {"optional there", {"Resources/en.lproj/c=hello\n"}, 0},
+             {"optional changed", {"Resources/en.lproj/c=hullo\n"}, -67054},
+             {"optional added", {"Resources/en.lproj/d=x"}, -67054},
+             {"changed", {"Resources/a=hullo\n"}, -67054},
+             {"changed, SHA-1 only", {"Resources/b=hullo\n"}, -67054},
+             {"longer", {"Resources/a=hello\n\n"}, -67054},
+             {"missing", {"-Resources/a"}, -67054},
+             {"added", {"Resources/d=x"}, -67054},
+             {"added to a plain directory", {"Other/Deep/d=x"}, -67054},
+             {"empty directory added", {"Other/"}, 0},
+             {"omitted changed", {"Resources/skip.txt=x", "a/.DS_Store=x"}, 0},
+             {"inside omitted", {"Resources/skipped/but=x"}, 0},
+             {"link elsewhere", {"Resources/link>b"}, -67054},
+             {"link beginning alike", {"Resources/link>ab"}, -67054},
+             {"link added", {"Resources/link2>a"}, -67054},
+             {"file for link", {"Resources/link=a"}, -67054},
+             {"link for file", {"c>x", "Resources/a>b"}, -67054},
+             {"directory for file", {"-Resources/a", "Resources/a/"}, -67054},
+             {"pipe for file", {"-Resources/a", "|Resources/a"}, -67016},
+             {"omitted pipe", {"|Resources/skip"}, 0},
+             {"inside nested code", {"Frameworks/F.framework/new=x"}, 0},
+             {"nested code added", {"Frameworks/G.framework/G=x"}, -67054},
+             {"nested file added", {"MacOS/other=x"}, -67054},
+             {"nested code missing", {"-MacOS/tool"}, -67054},
+             {"link for code", {"MacOS/tool>Run"}, -67054},
+             {"nested code unsigned", {}, -67022, -67062},
+             {"nested code damaged", {}, -67021, -67061},
+             {"nested code of another", {}, -67021, -67050},
+             {"both wrong", {"Resources/d=x"}, -67054, -67061},
+         });
+}
+
+TEST(ResourceSealTest, ComparesFirstGeneration) {
+  Verify(Dictionary(
+             {{"files",
+               Dictionary({{"Resources/a", kSha1},
+                           {"Resources/b", Dictionary({{"hash", kSha1}})}})},
+              {"rules",
+               Dictionary({{"^Resources/[^.]*$", "<true/>"},
+                           {"/skipped/", "<false/>"},
+                           {"skipped",
+                            Dictionary({{"omit", "<true/>"},
+                                        {"weight", "<real>2</real>"}})}})}}),
+         {
+             {"as sealed", {}, 0},
+             {"changed", {"Resources/a=hullo\n"}, -67054},
+             {"missing", {"-Resources/b"}, -67054},
+             {"added", {"Resources/d=x"}, -67054},
+             {"link changed", {"Resources/link>b"}, 0},
+             {"no rule for it", {"MacOS/tool=x", "Other/d=x", "|pipe"}, 0},
+         });
+}
+
+TEST(ResourceSealTest, RefusesWhatIsNoSeal) {
+  const auto with = [](const std::string& entry, const std::string& rule,
+                       const std::string& expression = "^.*") {
+    return Dictionary({{"files2", Dictionary({{"a", entry}})},
+                       {"rules2", Dictionary({{expression, rule}})}});
+  };
+  EXPECT_TRUE(Parse(with(kBest, "<true/>")));
+  EXPECT_TRUE(Parse(with(kSha1, "<dict/>")));
+  std::string deep;
+  for (int i = 0; i < 2000; ++i) deep += "(";
+  const std::pair<const char*, std::string> refused[] = {
+      {"nothing", ""},
+      {"no dictionary", "<array/>"},
+      {"no files", Dictionary({{"rules2", "<dict/>"}})},
+      {"rules of the other generation",
+       Dictionary({{"files2", "<dict/>"}, {"rules", "<dict/>"}})},
+      {"files are a list",
+       Dictionary({{"files2", "<array/>"}, {"rules2", "<dict/>"}})},
+      {"rules are a list",
+       Dictionary({{"files2", "<dict/>"}, {"rules2", "<array/>"}})},
+      {"entry without content", with("<dict/>", "<true/>")},
+      {"entry of another type", with("<string>x</string>", "<true/>")},
+      {"digest that is text",
+       with(Dictionary({{"hash", kSha1}, {"hash2", "<string>x</string>"}}),
+            "<true/>")},
+      {"code without requirement",
+       with(Dictionary({{"cdhash", "<data>AA==</data>"}}), "<true/>")},
+      {"rule of another type", with(kBest, "<string>x</string>")},
+      {"weight of another type",
+       with(kBest, Dictionary({{"weight", "<string>x</string>"}}))},
+      {"open bracket", with(kBest, "<true/>", "^[")},
+      {"no POSIX", with(kBest, "<true/>", "\\pL")},
+      {"too large when compiled",
+       with(kBest, "<true/>", "((a{100}){100}){100}")},
+      {"too deep", with(kBest, "<true/>", deep)},
+      {"too long", with(kBest, "<true/>", std::string(5000, 'a'))},
+  };
+  testing::internal::CaptureStderr();
+  for (const auto& [name, text] : refused) {
+    EXPECT_FALSE(Parse(text)) << name;
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+}  // namespace
+}  // namespace zu::platform

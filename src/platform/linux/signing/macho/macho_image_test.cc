@@ -1,0 +1,214 @@
+#include "platform/linux/signing/macho/macho_image.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "platform/linux/signing/macho/macho_layout.h"
+#include "support/file_descriptor.h"
+#include "tests/support/macho_builder.h"
+
+namespace zu::platform {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+using test::BuildMachO;
+using test::BuildUniversal;
+using test::MachOOptions;
+
+const std::string kInfo = "<plist><dict/></plist>";
+
+MachOResult Read(const Bytes& bytes, std::vector<MachOSlice>& slices) {
+  const FileDescriptor file(::memfd_create("macho", MFD_CLOEXEC));
+  EXPECT_EQ(::write(file.get(), bytes.data(), bytes.size()),
+            static_cast<ssize_t>(bytes.size()));
+  return ReadMachO(file.get(), slices);
+}
+
+// Where the load command with this index begins.
+size_t CommandOffset(const Bytes& image, uint32_t index) {
+  MachOHeader header = *ParseMachOHeader(image);
+  header.command_count = index + 1;
+  size_t offset = 0;
+  EXPECT_TRUE(VisitLoadCommands(
+      header, image, [&](uint32_t, std::span<const std::byte> command) {
+        offset = static_cast<size_t>(command.data() - image.data());
+        return true;
+      }));
+  return offset;
+}
+
+TEST(MachOImageTest, ReadsEveryKindOfImage) {
+  const struct {
+    const char* name;
+    MachOOptions options;
+  } cases[] = {
+      {"i386", {.cpu_type = kCpuTypeX86}},
+      {"x86_64", {.cpu_type = kCpuTypeX86_64, .info_dictionary = kInfo}},
+      {"arm64 library", {.cpu_type = kCpuTypeArm64, .dynamic_library = true}},
+      {"32-bit, swapped",
+       {.cpu_type = 18, .order = ByteOrder::kBig, .info_dictionary = kInfo}},
+      {"64-bit, swapped", {.cpu_type = 0x01000012, .order = ByteOrder::kBig}},
+  };
+  std::vector<Bytes> images;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Bytes image = images.emplace_back(BuildMachO(c.options));
+    std::vector<MachOSlice> slices;
+    ASSERT_EQ(Read(image, slices), MachOResult::kOk);
+    ASSERT_EQ(slices.size(), 1u);
+    EXPECT_EQ(slices[0].cpu_type, static_cast<int32_t>(c.options.cpu_type));
+    EXPECT_EQ(slices[0].range.size, image.size());
+    EXPECT_FALSE(slices[0].signature);
+    ASSERT_EQ(slices[0].info_dictionary.has_value(),
+              !c.options.info_dictionary.empty());
+    if (!slices[0].info_dictionary) continue;
+    const FileRange& info = *slices[0].info_dictionary;
+    EXPECT_EQ(
+        std::string(reinterpret_cast<const char*>(image.data()) + info.offset,
+                    info.size),
+        kInfo);
+  }
+  for (const bool is_64 : {false, true}) {
+    std::vector<MachOSlice> slices;
+    const Bytes file = BuildUniversal(images, is_64);
+    ASSERT_EQ(Read(file, slices), MachOResult::kOk);
+    ASSERT_EQ(slices.size(), images.size());
+    for (size_t i = 0; i < slices.size(); ++i) {
+      const auto at =
+          file.begin() + static_cast<std::ptrdiff_t>(slices[i].range.offset);
+      EXPECT_TRUE(std::equal(images[i].begin(), images[i].end(), at));
+      EXPECT_EQ(slices[i].range.size, images[i].size());
+      EXPECT_EQ(slices[i].cpu_type,
+                static_cast<int32_t>(cases[i].options.cpu_type));
+    }
+  }
+}
+
+// Overwrites 32-bit fields of a good file, or cuts it.
+struct DamageCase {
+  const char* name;
+  std::vector<std::pair<size_t, uint32_t>> fields;  // Offsets and values.
+  MachOResult result = MachOResult::kMalformed;
+  size_t size = SIZE_MAX;
+};
+
+void ExpectResults(const Bytes& good, ByteOrder order,
+                   const std::vector<DamageCase>& cases) {
+  for (const DamageCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Bytes file = good;
+    for (const auto& [offset, value] : c.fields) {
+      StoreInteger(std::span(file), offset, value, order);
+    }
+    file.resize(std::min(c.size, file.size()));
+    std::vector<MachOSlice> slices;
+    EXPECT_EQ(Read(file, slices), c.result);
+    EXPECT_EQ(slices.empty(), c.result != MachOResult::kOk);
+  }
+}
+
+TEST(MachOImageTest, RefusesBrokenImages) {
+  // The commands of this image: page zero, text, link edit, symbols, ...
+  const Bytes good = BuildMachO({.info_dictionary = kInfo});
+  const size_t text = CommandOffset(good, 1);
+  const size_t sections = text + kSegment64.section_count;
+  const size_t info = text + kSegment64.size + kSegment64.section_size;
+  const size_t last = CommandOffset(good, 3);
+  const size_t next = CommandOffset(good, 4);
+  const auto end = static_cast<uint32_t>(good.size());
+  constexpr uint32_t kSign = kSignatureCommand;
+  using R = MachOResult;
+  ExpectResults(
+      good, ByteOrder::kLittle,
+      {
+          {"none", {}, R::kOk},
+          {"signed",
+           {{last, kSign}, {last + 8, end - 8}, {last + 12, 8}},
+           R::kOk},
+          {"signature too long",
+           {{last, kSign}, {last + 8, end - 8}, {last + 12, 9}}},
+          {"signature behind the end",
+           {{last, kSign}, {last + 8, end + 1}, {last + 12, 0}}},
+          {"signature's end overflows",
+           {{last, kSign}, {last + 8, 16}, {last + 12, 0xffffffff}}},
+          {"two signatures",
+           {{last, kSign},
+            {last + 12, 0},
+            {next, kSign},
+            {next + 8, 0},
+            {next + 12, 0}}},
+          {"signature command cut short", {{last, kSign}, {last + 4, 12}}},
+          {"other magic", {{0, 0xfeedfad0}}, R::kNotMachO},
+          {"empty", {}, R::kNotMachO, 0},
+          {"magic alone", {}, R::kNotMachO, 4},
+          {"commands cut", {}, R::kMalformed, 100},
+          {"too many commands", {{16, 0xffffffff}}},
+          {"commands behind the end", {{20, end - 31}}},
+          {"commands' end overflows", {{20, 0xffffffff}}},
+          {"command without size", {{text + 4, 0}}},
+          {"command misaligned", {{last + 4, 25}}},
+          {"command behind the end", {{last + 4, 0x1000}}},
+          {"segment cut short", {{last, kSegmentCommand64}}},
+          {"one section too many", {{sections, 3}}},
+          {"section count overflows", {{sections, 1u << 31}}},
+          {"information outside", {{info + 48, end}}},
+      });
+  std::vector<MachOSlice> slices;
+  EXPECT_EQ(ReadMachO(-1, slices), R::kUnreadable);
+}
+
+TEST(MachOImageTest, RefusesBrokenUniversalHeaders) {
+  const Bytes image = BuildMachO();  // Too large for 0x1000, not for 0x2000.
+  const auto size = static_cast<uint32_t>(image.size());
+  using R = MachOResult;
+  ExpectResults(BuildUniversal({image, image}), ByteOrder::kBig,
+                {
+                    {"none", {}, R::kOk},
+                    {"class file of Java", {{4, 0x34}}, R::kNotMachO},
+                    {"no slices", {{4, 0}}, R::kNotMachO},
+                    {"list cut", {{4, 30}}, R::kNotMachO, 100},
+                    {"slice outside", {{40, size + 1}}, R::kNotMachO},
+                    {"sum overflows", {{36, 0xfffffff0}}, R::kNotMachO},
+                    {"slice is the file itself", {{16, 0}}, R::kNotMachO},
+                    {"first slice an archive", {{0x1000, 0}}, R::kNotMachO},
+                    {"second slice an archive", {{0x3000, 0}}},
+                    {"overlapping", {{36, 0x1000}}},
+                    {"other CPU than listed", {{28, 12}}},
+                });
+  ExpectResults(BuildUniversal({image}, true), ByteOrder::kBig,
+                {{"offset's upper half", {{16, 0xffffffff}}, R::kNotMachO}});
+}
+
+TEST(MachOImageTest, PrefersTheHostsSlice) {
+#if defined(__aarch64__)
+  constexpr int32_t kHost = 0x0100000c, kPlain = 0, kOther = 2;
+#else
+  constexpr int32_t kHost = 0x01000007, kPlain = 3, kOther = 8;
+#endif
+  const auto slice = [](int32_t type, int32_t subtype) {
+    MachOSlice made;
+    made.cpu_type = type;
+    made.cpu_subtype = subtype;
+    return made;
+  };
+  constexpr auto kCapability = static_cast<int32_t>(0x80000000);
+  const struct {
+    std::vector<MachOSlice> slices;
+    size_t chosen;
+  } cases[] = {
+      {{slice(7, 3), slice(18, 0)}, 0},
+      {{slice(7, 3), slice(kHost, kOther)}, 1},
+      {{slice(7, 3), slice(kHost, kOther), slice(kHost, kPlain)}, 2},
+      {{slice(kHost, kOther), slice(kHost, kPlain | kCapability)}, 1},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(&NativeSlice(c.slices), &c.slices[c.chosen]);
+  }
+}
+
+}  // namespace
+}  // namespace zu::platform

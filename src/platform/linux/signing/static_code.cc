@@ -1,0 +1,46 @@
+#include "platform/linux/signing/static_code.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <cerrno>
+
+namespace zu::platform {
+namespace {
+
+FileDescriptor OpenFile(const std::string& path, int flags) {
+  // Not blocked by a pipe, and no terminal taken.
+  return FileDescriptor(RetryOnInterrupt([&] {
+    return ::open(path.c_str(),
+                  flags | O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  }));
+}
+
+}  // namespace
+
+std::optional<StaticCode> StaticCode::Open(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  std::optional<BundleLayout> bundle;
+  if (S_ISDIR(status.st_mode)) {
+    bundle = FindBundle(path);
+    if (!bundle) {
+      errno = EISDIR;
+      return std::nullopt;
+    }
+  } else if (S_ISREG(status.st_mode)) {
+    bundle = FindBundleOfExecutable(path);
+  }
+  if (!bundle) {
+    StaticCode code(OpenFile(path, 0));
+    if (!code.file_.valid()) return std::nullopt;
+    return code;
+  }
+  StaticCode code(OpenFile(
+      bundle->executable.empty() ? bundle->info_dictionary : bundle->executable,
+      O_NOFOLLOW));
+  if (!code.file_.valid()) return std::nullopt;
+  code.bundle_ = *std::move(bundle);
+  return code;
+}
+
+}  // namespace zu::platform

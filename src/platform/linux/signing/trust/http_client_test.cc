@@ -1,0 +1,157 @@
+#include "platform/linux/signing/trust/http_client.h"
+
+#include <gtest/gtest.h>
+#include <algorithm>
+
+#include "tests/support/http_server.h"
+
+namespace zu::platform {
+namespace {
+
+using State = HttpResponseReader::State;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+std::string TextOf(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// One line for each address: what it is taken apart into.
+TEST(ParseHttpUrlTest, TakesAddressesApart) {
+  const struct {
+    std::string url;
+    const char* parts;  // Null: refused.
+  } cases[] = {
+      {"http://a.example", "a.example 80 a.example /"},
+      {"HTTP://a-b_c:8080/x/y?z#f", "a-b_c 8080 a-b_c:8080 /x/y?z"},
+      {"http://[::1]:1?q", "::1 1 [::1]:1 /?q"},
+      {"http://[::1]", "::1 80 [::1] /"},
+      {"https://a/", nullptr},
+      {"ldap:///cn=x", nullptr},
+      {"http://", nullptr},
+      {"http:///x", nullptr},
+      {"http://:80/", nullptr},
+      {"http://a:/", nullptr},
+      {"http://a:0/", nullptr},
+      {"http://a:65536/", nullptr},
+      {"http://a:+1/", nullptr},
+      {"http://u@a/", nullptr},
+      {"http://[::1", nullptr},
+      {"http://[::1]x/", nullptr},
+      {"http://[fe80::1%25eth0]/", nullptr},
+      {"http://a/x y", nullptr},
+      {"http://a/x\r\nHost: b", nullptr},
+      {std::string("http://a/\0", 10), nullptr},
+      {"http://a/\xc3\xbc", nullptr},
+  };
+  for (const auto& c : cases) {
+    const auto url = ParseHttpUrl(c.url);
+    ASSERT_EQ(url.has_value(), c.parts != nullptr) << c.url;
+    if (!url) continue;
+    EXPECT_EQ(
+        url->host + " " + url->port + " " + url->authority + " " + url->target,
+        c.parts);
+  }
+}
+
+TEST(HttpResponseReaderTest, ReadsOneResponse) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n";
+  const std::string chunked = ok + "Transfer-Encoding: Chunked\r\n\r\n";
+  const std::string endless(kMaxHttpHeadSize, 'x');
+  const struct {
+    const char* name;
+    std::string response;
+    std::optional<std::string> body;
+  } cases[] = {
+      {"length", ok + "content-LENGTH:  3 \r\n\r\nabcd", "abc"},
+      {"nothing", ok + "Content-Length: 0\r\n\r\n", ""},
+      {"until the end", "HTTP/1.0 200\nA: b\n\nab\n", "ab\n"},
+      {"chunks", chunked + "2\r\nab\r\n01;x=\"y\"\r\nc\r\n0\r\nT: x\r\n\r\n",
+       "abc"},
+      {"a first answer", "HTTP/1.1 100 Go on\r\n\r\n" + ok + "\r\nx", "x"},
+      {"too short", ok + "Content-Length: 3\r\n\r\nab", std::nullopt},
+      {"chunks end early", chunked + "2\r\nab\r\n", std::nullopt},
+      {"trailer ends early", chunked + "0\r\n", std::nullopt},
+      {"chunk that goes on", chunked + "2\r\nabc\r\n0\r\n\r\n", std::nullopt},
+      {"no chunk size", chunked + "\r\nx", std::nullopt},
+      {"size with a sign", chunked + "-1\r\nx", std::nullopt},
+      {"size overflows", chunked + "10000000000000000\r\nx", std::nullopt},
+      {"large chunk",
+       chunked + "900000\r\n" + std::string(kMaxHttpResponseSize + 1, 'x'),
+       std::nullopt},
+      {"large body", ok + "Content-Length: 8388609\r\n\r\n", std::nullopt},
+      {"large until the end",
+       ok + "\r\n" + std::string(kMaxHttpResponseSize + 1, 'x'), std::nullopt},
+      {"long head", ok + "A: " + endless + "\r\n\r\n", std::nullopt},
+      {"line without end", endless + "x", std::nullopt},
+      {"negative length", ok + "Content-Length: -1\r\n\r\n", std::nullopt},
+      {"two lengths", ok + "Content-Length: 1\r\nContent-Length: 2\r\n\r\nab",
+       std::nullopt},
+      {"length and chunks",
+       ok + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+       std::nullopt},
+      {"compressed", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n",
+       std::nullopt},
+      {"folded field", ok + "A: b\r\n c\r\n\r\n", std::nullopt},
+      {"blank before the colon", ok + "A : b\r\n\r\n", std::nullopt},
+      {"moved", "HTTP/1.1 301 M\r\nLocation: http://b/\r\n\r\n", std::nullopt},
+      {"version", "HTTP/2.0 200 OK\r\n\r\n", std::nullopt},
+      {"status", "HTTP/1.1 2000 OK\r\n\r\n", std::nullopt},
+      {"silence", "", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    const auto bytes = std::as_bytes(std::span(c.response));
+    for (size_t piece : {size_t{1}, size_t{7}, bytes.size() + 1}) {
+      piece = std::max(piece, bytes.size() >> 12);
+      HttpResponseReader reader;
+      for (size_t at = 0; at < bytes.size(); at += piece) {
+        reader.Consume(bytes.subspan(at, std::min(piece, bytes.size() - at)));
+      }
+      const State state = reader.Finish();
+      EXPECT_EQ(state == State::kComplete, c.body.has_value()) << c.name;
+      EXPECT_EQ(state == State::kFailed, !reader.error().empty()) << c.name;
+      EXPECT_TRUE(!c.body || TextOf(reader.TakeBody()) == *c.body) << c.name;
+    }
+  }
+}
+
+TEST(ExchangeHttpTest, AsksWithinTheDeadline) {
+  const std::string large(300000, 'x');
+  test::HttpServer server(
+      [](const test::HttpServerRequest& request) -> std::optional<std::string> {
+        if (request.target == "/silent") return std::nullopt;
+        return request.method + " " + request.target + " " + request.body;
+      });
+  const std::string refused = test::HttpServer(nullptr).url();
+  const struct {
+    std::string url;
+    std::string body;
+    std::optional<std::string> answer;
+    milliseconds time{10000};
+  } cases[] = {
+      {server.url() + "/a?b", "", "GET /a?b "},
+      {server.url("localhost"), "question", "POST / question"},
+      {server.url(), large, "POST / " + large},
+      {server.url() + "/silent", "", std::nullopt, milliseconds(200)},
+      {server.url(), "", std::nullopt, milliseconds(-1)},
+      {refused, "", std::nullopt},
+      {"http://name.invalid", "", std::nullopt, milliseconds(200)},
+      {"ftp://127.0.0.1/", "", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    const auto start = steady_clock::now();
+    std::string error;
+    const auto answer =
+        ExchangeHttp({.url = c.url,
+                      .content_type = c.body.empty() ? "" : "text/plain",
+                      .body = std::as_bytes(std::span(c.body))},
+                     start + c.time, error);
+    EXPECT_EQ(answer ? std::optional(TextOf(*answer)) : std::nullopt, c.answer)
+        << c.url << ": " << error;
+    EXPECT_EQ(error.empty(), c.answer.has_value()) << c.url;
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5)) << c.url;
+  }
+}
+
+}  // namespace
+}  // namespace zu::platform

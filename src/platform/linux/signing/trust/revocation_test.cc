@@ -1,0 +1,192 @@
+#include "platform/linux/signing/trust/revocation.h"
+
+#include <gtest/gtest.h>
+#include <mutex>
+
+#include "tests/support/http_server.h"
+#include "tests/support/test_authority.h"
+
+namespace zu::platform {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using test::ReadCertificates;
+using test::RevocationOptions;
+using test::TestAuthority;
+
+enum class Online {
+  kNobody,
+  kSilent,
+  kListOnly,
+  kGarbage,
+  kAuthority,
+  kStranger
+};
+
+// One body for all: a leaf, its authority and the root, and what is said
+// about them from a file, by the responder and at the list's address.
+TEST(IsRevokedTest, BelievesWhatIsSignedAndCurrent) {
+  const auto context = CryptoContext::Create();
+  TestAuthority root;
+  TestAuthority authority("Below", &root);
+  // Of the same name, with another key.
+  TestAuthority stranger("Below", &root);
+  std::mutex mutex;  // An old request may be served late.
+  Online mode = Online::kNobody;
+  RevocationOptions said;
+  const test::HttpServer server(
+      [&](const auto& request) -> std::optional<std::string> {
+        const std::lock_guard lock(mutex);
+        switch (mode) {
+          case Online::kSilent:
+            return std::nullopt;
+          case Online::kListOnly:
+            if (request.method == "POST") return std::nullopt;
+            return authority.Answer(request, said);
+          case Online::kGarbage:
+            return "garbage";
+          case Online::kStranger:
+            return stranger.Answer(request, said);
+          default:
+            return authority.Answer(request, said);
+        }
+      });
+  const std::string refused = test::HttpServer(nullptr).url();
+  const auto issue = [&](const std::string& ocsp, const std::string& crl) {
+    return authority.Issue({.ocsp_url = ocsp, .crl_url = crl});
+  };
+  const std::string here = server.url();
+  const auto good = issue(here, here);
+  const auto bad_both = issue(here, here);
+  const auto bad_ocsp = issue(here, "");
+  const auto bad_crl = issue("", here);
+  const auto bad_second = issue(refused, here);
+  const auto bad_ldap = issue("ldap://127.0.0.1/", here);
+  const auto bad_unasked = issue("", "");
+  for (const auto* leaf :
+       {&bad_both, &bad_ocsp, &bad_crl, &bad_second, &bad_ldap, &bad_unasked}) {
+    authority.Revoke(*leaf);
+    stranger.Revoke(*leaf);
+  }
+  TestAuthority clean_root = root;
+  root.Revoke(authority);
+
+  const std::string list = authority.MakeCrl();
+  const RevocationOptions expired{.valid_from_s = -9000,
+                                  .valid_until_s = -3600};
+  const RevocationOptions early{.valid_from_s = 3600, .valid_until_s = 9000};
+  const RevocationOptions delegated{
+      .responder = authority.Issue({.extended_key_usage = "OCSPSigning"})};
+  const RevocationOptions leaf_signed{.responder = authority.Issue()};
+  const RevocationOptions foreign{
+      .responder = root.Issue({.extended_key_usage = "OCSPSigning"})};
+  const auto list_with = [](const char* oid, std::string_view der) {
+    return RevocationOptions{.crl_extensions = {{oid, std::string(der)}}};
+  };
+  const std::string none;
+
+  const struct {
+    const char* name;
+    const test::Credential& leaf;
+    std::string list;  // PEM.
+    Online online = Online::kNobody;
+    RevocationOptions said = {};
+    bool revoked = false;
+    milliseconds time{10000};
+  } cases[] = {
+      {"good", good, list, Online::kAuthority},
+      {"on the list", bad_unasked, list, {}, {}, true},
+      {"nobody to ask", bad_unasked, none},
+      {"its authority on the list",
+       good,
+       root.MakeCrl(),
+       Online::kAuthority,
+       {},
+       true},
+      {"authority not on the list", good, clean_root.MakeCrl(),
+       Online::kAuthority},
+      {"stranger's list", bad_unasked, stranger.MakeCrl()},
+      {"expired list", bad_unasked, authority.MakeCrl(expired)},
+      {"list of tomorrow", bad_unasked, authority.MakeCrl(early)},
+      {"delta list", bad_unasked,
+       authority.MakeCrl(list_with("2.5.29.27", "\x02\x01\x01"))},
+      {"indirect list", bad_unasked,
+       authority.MakeCrl(list_with("2.5.29.28", "\x30\x03\x84\x01\xff"))},
+      {"list of leaves only",
+       bad_unasked,
+       authority.MakeCrl(list_with("2.5.29.28", "\x30\x03\x81\x01\xff")),
+       Online::kNobody,
+       {},
+       true},
+      {"list with an unknown extension", bad_unasked,
+       authority.MakeCrl(list_with("1.3.6.1.4.1.99999.1", "\x05"))},
+      {"list of authorities only", bad_unasked,
+       authority.MakeCrl(list_with("2.5.29.28", "\x30\x03\x82\x01\xff"))},
+      {"responder", bad_ocsp, none, Online::kAuthority, {}, true},
+      {"delegated responder", bad_ocsp, none, Online::kAuthority, delegated,
+       true},
+      {"answer signed by a leaf", bad_ocsp, none, Online::kAuthority,
+       leaf_signed},
+      {"responder of another authority", bad_ocsp, none, Online::kAuthority,
+       foreign},
+      {"answer of a stranger", bad_ocsp, none, Online::kStranger},
+      {"expired answer", bad_ocsp, none, Online::kAuthority, expired},
+      {"answer of tomorrow", bad_ocsp, none, Online::kAuthority, early},
+      {"garbage", bad_ocsp, none, Online::kGarbage},
+      {"list from the network", bad_crl, none, Online::kAuthority, {}, true},
+      {"stranger's list from the network", bad_crl, none, Online::kStranger},
+      {"garbage instead of a list", bad_crl, none, Online::kGarbage},
+      {"no responder, but a list",
+       bad_second,
+       none,
+       Online::kAuthority,
+       {},
+       true},
+      {"other protocols are left out",
+       bad_ldap,
+       none,
+       Online::kAuthority,
+       {},
+       true},
+      {"silent responder leaves time for the list",
+       bad_both,
+       none,
+       Online::kListOnly,
+       {},
+       true,
+       milliseconds(2000)},
+      {"silence", good, none, Online::kSilent, {}, false, milliseconds(200)},
+      {"no time left",
+       bad_ocsp,
+       none,
+       Online::kAuthority,
+       {},
+       false,
+       milliseconds(0)},
+  };
+  for (const auto& c : cases) {
+    {
+      const std::lock_guard lock(mutex);
+      mode = c.online;
+      said = c.said;
+    }
+    const auto chain =
+        ReadCertificates(*context, c.leaf.certificates + root.certificate());
+    ASSERT_EQ(chain.size(), 3u);
+    std::vector<CrlPtr> lists;
+    if (!c.list.empty()) {
+      const std::string der = test::ToDer(c.list);
+      auto bytes = std::as_bytes(std::span(der));
+      lists.push_back(context->TakeCrl(bytes));
+    }
+    const auto start = steady_clock::now();
+    EXPECT_EQ(IsRevoked(*context, chain, lists, start + c.time), c.revoked)
+        << c.name;
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5)) << c.name;
+  }
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
+}  // namespace
+}  // namespace zu::platform

@@ -1,0 +1,81 @@
+#include "tests/support/message_editor.h"
+
+#include <openssl/objects.h>
+#include <algorithm>
+#include <stdexcept>
+
+#include "platform/linux/signing/cms/ber.h"
+
+namespace zu::test {
+
+using Bytes = std::vector<std::byte>;
+
+BerNode BerNode::Parse(std::span<const std::byte> bytes) {
+  const platform::BerElement element =
+      platform::BerReader(bytes).Take().value();
+  BerNode node{element.tag};
+  if ((element.tag & platform::kBerConstructed) == 0) {
+    node.octets.assign(element.content.begin(), element.content.end());
+    return node;
+  }
+  platform::BerReader parts(element.content);
+  while (!parts.AtEnd()) {
+    node.parts.push_back(Parse(parts.Take().value().encoding));
+  }
+  return node;
+}
+
+Bytes BerNode::Encode() const {
+  Bytes content = octets;
+  for (const BerNode& part : parts) {
+    const Bytes encoding = part.Encode();
+    content.insert(content.end(), encoding.begin(), encoding.end());
+  }
+  if (!indefinite) return platform::EncodeDer(tag, {content});
+  Bytes encoding{std::byte{tag}, std::byte{0x80}};
+  encoding.insert(encoding.end(), content.begin(), content.end());
+  encoding.resize(encoding.size() + 2);
+  return encoding;
+}
+
+BerNode& EditableMessage::Attribute(const std::vector<uint8_t>& end) {
+  const auto ends_so = [&](const BerNode& attribute) {
+    const Bytes& type = attribute.parts[0].octets;
+    return type.size() >= end.size() &&
+           std::ranges::equal(end, std::span(type).last(end.size()), {}, {},
+                              std::to_integer<uint8_t>);
+  };
+  return *std::ranges::find_if(attributes().parts, ends_so);
+}
+
+void EditableMessage::SignAttributes(
+    const platform::SigningIdentity& identity) {
+  BerNode hashed = attributes();
+  hashed.tag = platform::kBerSet;
+  hashed.indefinite = false;
+  signature().octets = SignDigest(
+      identity, platform::DigestOf(hashed.Encode(),
+                                   *identity.context->Digest(NID_sha256)));
+}
+
+Bytes SignDigest(const platform::SigningIdentity& identity,
+                 std::span<const std::byte> digest) {
+  const platform::KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(
+      identity.context->get(), identity.key.get(), nullptr));
+  const auto* const input =
+      reinterpret_cast<const unsigned char*>(digest.data());
+  Bytes signature(1024);
+  size_t size = signature.size();
+  if (EVP_PKEY_sign_init(context.get()) != 1 ||
+      EVP_PKEY_CTX_set_signature_md(
+          context.get(), identity.context->Digest(NID_sha256)) != 1 ||
+      EVP_PKEY_sign(context.get(),
+                    reinterpret_cast<unsigned char*>(signature.data()), &size,
+                    input, digest.size()) != 1) {
+    throw std::runtime_error("signature");
+  }
+  signature.resize(size);
+  return signature;
+}
+
+}  // namespace zu::test

@@ -1,0 +1,31 @@
+// A time-stamping authority of the tests' own.
+#ifndef ZU_TESTS_SUPPORT_TIMESTAMP_AUTHORITY_H_
+#define ZU_TESTS_SUPPORT_TIMESTAMP_AUTHORITY_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "tests/support/test_authority.h"
+
+namespace zu::test {
+
+// A token (RFC 3161): that `value` was there at `time`, in seconds of the Unix
+// epoch. Failures throw std::runtime_error, here and below.
+std::vector<std::byte> MakeTimestampToken(const Credential& tsa,
+                                          std::span<const std::byte> value,
+                                          int64_t time);
+
+// The answer of a responder that grants the request, with such a token.
+std::vector<std::byte> AnswerTimestampRequest(
+    const Credential& tsa, std::span<const std::byte> request, int64_t time);
+
+// A message with signed attributes and, in it, a content of the given type (a
+// libcrypto NID): what tokens are.
+std::vector<std::byte> MakeMessage(const Credential& signer, int content_type,
+                                   std::span<const std::byte> content);
+
+}  // namespace zu::test
+
+#endif  // ZU_TESTS_SUPPORT_TIMESTAMP_AUTHORITY_H_
