@@ -52,7 +52,7 @@ constexpr char kSignHelp[] =
     "  --hash NAME        sha1, sha256 (the default) or sha384; may be given\n"
     "                     several times, the first is what gets signed\n"
     "  --team ID          the team's identifier\n"
-    "  --entitlements FILE  seal these entitlements (Mach-O files)\n";
+    "  --entitlements FILE  seal these entitlements (Mach-O, bundles)\n";
 
 constexpr char kVerifyHelp[] =
     "Usage: zusign verify [OPTION]... PATH\n"

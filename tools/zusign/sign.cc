@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/linux/signing/appended/appended_signature.h"
+#include "platform/linux/signing/bundle/bundle_layout.h"
 #include "platform/linux/signing/signer/bundle_signer.h"
 #include "platform/linux/signing/signer/macho_signer.h"
 #include "platform/linux/signing/signer/signer.h"
@@ -38,7 +39,10 @@ std::optional<CodeKind> KindOf(const char* path) {
   const FileDescriptor file = OpenFile(path);
   struct stat status {};
   if (!file.valid() || ::fstat(file.get(), &status) != 0) return std::nullopt;
-  if (S_ISDIR(status.st_mode)) return CodeKind::kBundle;
+  // A bundle's main executable stands for the bundle.
+  if (S_ISDIR(status.st_mode) || platform::FindBundleOfExecutable(path)) {
+    return CodeKind::kBundle;
+  }
   // What neither signer knows, that of Mach-O files refuses.
   using State = platform::SignatureLayout::State;
   return platform::ReadSignatureLayout(file.get()).state == State::kNeither
@@ -63,9 +67,6 @@ ExitCode CheckOptions(const Arguments& arguments, CodeKind kind) {
     return Fail(kUsage,
                 "--ad-hoc, --team, --entitlements and --hash are for Mach-O "
                 "files and bundles");
-  }
-  if (kind == CodeKind::kBundle && has_entitlements) {
-    return Fail(kUsage, "--entitlements is for Mach-O files");
   }
   return kGood;
 }
@@ -136,14 +137,7 @@ ExitCode Sign(const Arguments& arguments) {
   SignResult result = SignResult::kFailed;
   switch (*kind) {
     case CodeKind::kBundle:
-      result = platform::SignBundle(path,
-                                    {.identity = options.identity,
-                                     .identifier = options.identifier,
-                                     .team = options.team,
-                                     .hashes = options.hashes,
-                                     .replace = options.replace,
-                                     .cms = options.cms},
-                                    error);
+      result = platform::SignBundle(path, options, error);
       break;
     case CodeKind::kMachO:
       if (options.identifier.empty()) {

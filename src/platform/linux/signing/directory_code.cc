@@ -11,6 +11,7 @@
 #include "platform/code_signing.h"
 #include "platform/linux/property_list.h"
 #include "platform/linux/signing/file_content.h"
+#include "platform/linux/signing/macho/macho_layout.h"
 #include "platform/linux/signing/status.h"
 
 namespace zu::platform {
@@ -55,9 +56,9 @@ std::optional<std::vector<Bytes>> ParseDirectoryDigestList(ByteSpan bytes) {
 }
 
 void AppendBigEndian(Bytes& bytes, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    bytes.push_back(static_cast<std::byte>(value >> shift));
-  }
+  bytes.resize(bytes.size() + sizeof(value));
+  StoreInteger(std::span(bytes), bytes.size() - sizeof(value), value,
+               ByteOrder::kBig);
 }
 
 // The files of a bundle that hold what a Mach-O file has inside, and the slots
@@ -68,16 +69,14 @@ struct SignatureFile {
   bool is_blob;  // Otherwise it is what a blob would wrap.
 };
 constexpr SignatureFile kSignatureFiles[] = {
-    {"CodeDirectory", 0, true},
+    {"CodeDirectory", kDirectorySlot, true},
     {"CodeRequirements", kRequirementsSlot, true},
     {"CodeEntitlements", kEntitlementsSlot, true},
     {"CodeEntitlementDER", kDerEntitlementsSlot, true},
-    {"CodeDirectory-1", 0x1000, true},
-    {"CodeDirectory-2", 0x1001, true},
-    {"CodeSignature", 0x10000, false},
+    {"CodeDirectory-1", kFirstAlternateSlot, true},
+    {"CodeDirectory-2", kFirstAlternateSlot + 1, true},
+    {"CodeSignature", kCmsSlot, false},
 };
-constexpr uint32_t kSuperBlobMagic = 0xfade0cc0;
-constexpr uint32_t kWrapperMagic = 0xfade0b01;
 
 // Puts a bundle's files together as a Mach-O file has them. Empty: there is no
 // directory.
@@ -90,18 +89,19 @@ Bytes AssembleSignature(const BundleLayout& bundle) {
     Bytes blob;
     if (!file.is_blob) {
       AppendBigEndian(blob, kWrapperMagic);
-      AppendBigEndian(blob, static_cast<uint32_t>(content->size() + 8));
+      AppendBigEndian(blob,
+                      static_cast<uint32_t>(content->size() + kBlobHeaderSize));
     }
     blob.insert(blob.end(), content->begin(), content->end());
     blobs.emplace_back(file.slot, std::move(blob));
   }
-  if (blobs.empty() || blobs.front().first != 0) return {};
+  if (blobs.empty() || blobs.front().first != kDirectorySlot) return {};
 
   Bytes bytes;
   size_t offset = 12 + 8 * blobs.size();
   size_t size = offset;
   for (const auto& [slot, blob] : blobs) size += blob.size();
-  AppendBigEndian(bytes, kSuperBlobMagic);
+  AppendBigEndian(bytes, kEmbeddedSignatureMagic);
   AppendBigEndian(bytes, static_cast<uint32_t>(size));
   AppendBigEndian(bytes, static_cast<uint32_t>(blobs.size()));
   for (const auto& [slot, blob] : blobs) {

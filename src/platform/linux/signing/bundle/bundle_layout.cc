@@ -47,7 +47,7 @@ bool IsFileName(std::string_view name) {
 // CFBundleExecutable; empty when the dictionary does not say.
 std::string ExecutableName(const std::string& info_dictionary) {
   const auto bytes =
-      ReadRegularFile(info_dictionary.c_str(), PropertyList::kMaxSize);
+      ReadRegularFile(info_dictionary, PropertyList::kMaxSize);
   if (!bytes) return {};
   const std::optional<PropertyList> list = PropertyList::Parse(*bytes);
   if (!list) return {};

@@ -344,13 +344,14 @@ std::string IdentifierOf(std::span<const std::byte> info_dictionary) {
 
 }  // namespace
 
-SignResult SignBundle(const std::string& path, const BundleSignOptions& options,
+SignResult SignBundle(const std::string& path, MachOSignOptions options,
                       std::string& error) {
   const ScopedErrorMark mark;
   error.clear();
-  const std::optional<BundleLayout> bundle = FindBundle(path);
+  std::optional<BundleLayout> bundle = FindBundle(path);
+  if (!bundle) bundle = FindBundleOfExecutable(path);
   if (!bundle || bundle->executable.empty()) {
-    error = "no bundle, or one without a main executable";
+    error = path + ": no bundle, or one without a main executable";
     return SignResult::kRefused;
   }
   const std::shared_ptr<const CryptoContext> context = CryptoContext::Create();
@@ -363,25 +364,19 @@ SignResult SignBundle(const std::string& path, const BundleSignOptions& options,
   if (!seal) return SignResult::kRefused;
   const auto bytes = std::as_bytes(std::span(*seal));
 
-  MachOSignOptions macho{.identifier = options.identifier,
-                         .identity = options.identity,
-                         .team = options.team,
-                         .hashes = options.hashes,
-                         .replace = options.replace,
-                         .cms = options.cms};
-  macho.resources.emplace(bytes.begin(), bytes.end());
+  options.resources.emplace(bytes.begin(), bytes.end());
   if (!bundle->info_dictionary.empty()) {
-    macho.info_dictionary = ReadRegularFile(bundle->info_dictionary.c_str(),
-                                            PropertyList::kMaxSize);
-    if (!macho.info_dictionary) {
+    options.info_dictionary =
+        ReadRegularFile(bundle->info_dictionary, PropertyList::kMaxSize);
+    if (!options.info_dictionary) {
       error = bundle->info_dictionary + ": cannot be read";
       return SignResult::kFailed;
     }
-    if (macho.identifier.empty()) {
-      macho.identifier = IdentifierOf(*macho.info_dictionary);
+    if (options.identifier.empty()) {
+      options.identifier = IdentifierOf(*options.info_dictionary);
     }
   }
-  const SignResult result = SignMachO(bundle->executable, macho, error);
+  const SignResult result = SignMachO(bundle->executable, options, error);
   if (result == SignResult::kSigned && !WriteSeal(*bundle, *seal)) {
     error = bundle->signature_directory + ": " + std::strerror(errno);
     return SignResult::kFailed;

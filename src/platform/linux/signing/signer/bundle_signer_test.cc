@@ -17,8 +17,7 @@ namespace zu::platform {
 namespace {
 
 std::vector<std::byte> Read(const std::string& path) {
-  return ReadRegularFile(path.c_str(), 1 << 20)
-      .value_or(std::vector<std::byte>());
+  return ReadRegularFile(path, 1 << 20).value_or(std::vector<std::byte>());
 }
 
 class BundleSignerTest : public ::testing::Test {
@@ -44,7 +43,7 @@ class BundleSignerTest : public ::testing::Test {
                      test::BuildMachO({.dynamic_library = true}));
   }
 
-  std::string SignIt(const std::string& path, BundleSignOptions options = {}) {
+  std::string SignIt(const std::string& path, MachOSignOptions options = {}) {
     std::string error;
     return SignBundle(path, options, error) == SignResult::kSigned ? "" : error;
   }
@@ -67,7 +66,7 @@ TEST_F(BundleSignerTest, SealsWhatTheVerifierAsksFor) {
   ASSERT_EQ(SignMachO(tool_, {.identifier = "tool"}, error),
             SignResult::kSigned)
       << error;
-  ASSERT_EQ(SignIt(framework_, {.identity = &*identity, .identifier = "q\"d"}),
+  ASSERT_EQ(SignIt(framework_, {.identifier = "q\"d", .identity = &*identity}),
             "");
   ASSERT_EQ(SignIt(app_), "");
   EXPECT_NE(SignIt(app_), "");  // Signed already.
