@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <cerrno>
+#include <utility>
 
 namespace zu::platform {
 namespace {
@@ -30,17 +31,16 @@ std::optional<StaticCode> StaticCode::Open(const std::string& path) {
   } else if (S_ISREG(status.st_mode)) {
     bundle = FindBundleOfExecutable(path);
   }
+  FileDescriptor file;
   if (!bundle) {
-    StaticCode code(OpenFile(path, 0));
-    if (!code.file_.valid()) return std::nullopt;
-    return code;
+    file = OpenFile(path, 0);
+  } else {
+    file = OpenFile(bundle->executable.empty() ? bundle->info_dictionary
+                                               : bundle->executable,
+                    O_NOFOLLOW);
   }
-  StaticCode code(OpenFile(
-      bundle->executable.empty() ? bundle->info_dictionary : bundle->executable,
-      O_NOFOLLOW));
-  if (!code.file_.valid()) return std::nullopt;
-  code.bundle_ = *std::move(bundle);
-  return code;
+  if (!file.valid()) return std::nullopt;
+  return StaticCode(std::move(file), std::move(bundle));
 }
 
 }  // namespace zu::platform

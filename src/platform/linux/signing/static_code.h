@@ -19,8 +19,10 @@ class StaticCode {
   // these or it cannot be opened.
   static std::optional<StaticCode> Open(const std::string& path);
 
-  // A file that is open already, and no bundle around it.
-  explicit StaticCode(FileDescriptor file) : file_(std::move(file)) {}
+  // A file that is open already, and the bundle whose main executable it is.
+  explicit StaticCode(FileDescriptor file,
+                      std::optional<BundleLayout> bundle = std::nullopt)
+      : file_(std::move(file)), bundle_(std::move(bundle)) {}
 
   // The main executable; of a bundle without one, the information dictionary.
   // Invalid when it cannot be read.
