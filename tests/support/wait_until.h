@@ -8,7 +8,11 @@
 namespace zu::test {
 
 // Far more than anything here takes; a test that gets there has failed.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr std::chrono::seconds kDeadline{40};  // Everything is slower.
+#else
 inline constexpr std::chrono::seconds kDeadline{10};
+#endif
 
 // Asks until `condition` holds; false when the deadline passes first.
 template <typename Condition>
