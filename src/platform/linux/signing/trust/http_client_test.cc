@@ -12,6 +12,14 @@ using State = HttpResponseReader::State;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+// Names are looked up on threads of the C library's own, which the thread
+// sanitizer does not know of and stands still in.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kLooksUpNames = false;
+#else
+constexpr bool kLooksUpNames = true;
+#endif
+
 std::string TextOf(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
@@ -130,15 +138,16 @@ TEST(ExchangeHttpTest, AsksWithinTheDeadline) {
     milliseconds time{10000};
   } cases[] = {
       {server.url() + "/a?b", "", "GET /a?b "},
-      {server.url("localhost"), "question", "POST / question"},
       {server.url(), large, "POST / " + large},
       {server.url() + "/silent", "", std::nullopt, milliseconds(200)},
       {server.url(), "", std::nullopt, milliseconds(-1)},
       {refused, "", std::nullopt},
-      {"http://name.invalid", "", std::nullopt, milliseconds(200)},
       {"ftp://127.0.0.1/", "", std::nullopt},
+      {server.url("localhost"), "question", "POST / question"},
+      {"http://name.invalid", "", std::nullopt, milliseconds(200)},
   };
   for (const auto& c : cases) {
+    if (!kLooksUpNames && !c.url.starts_with("http://127.")) continue;
     const auto start = steady_clock::now();
     std::string error;
     const auto answer =
