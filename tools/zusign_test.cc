@@ -87,7 +87,7 @@ TEST_F(ZusignTest, SpeaksAndExitsAsDocumented) {
     int code;
     const char* output;
   } cases[] = {
-      {verify + "tool", 0, "tool: valid\n"},
+      {verify + "tool", 0, "tool: valid (an anchor vouches for the signer)\n"},
       {verify + "--requirement 'identifier \"com.example.tool\"' tool", 0,
        "valid"},
       {verify + "--requirement 'identifier \"tool\"' tool", 1, "(-67050)"},
@@ -177,7 +177,7 @@ TEST_F(ZusignTest, KeepsTheFileWhatItWas) {
       Run("cp tool copy && tar cf archive copy && rm copy && "
           "tar xf archive && " ZU_TEST_ZUSIGN " verify --anchors anchors copy")
           .output,
-      "copy: valid\n");
+      "copy: valid (an anchor vouches for the signer)\n");
 }
 
 // A script runs as before, signed once or twice, and with its signature
@@ -242,10 +242,12 @@ TEST_F(ZusignTest, SignsMachOFilesAndBundles) {
     const std::string verify = "verify --anchors anchors " + path;
     EXPECT_THAT(Zusign(verify).output, HasSubstr("(-67062)"));
     ASSERT_EQ(Zusign("sign --ad-hoc --hash sha384 " + path).output, "");
-    EXPECT_EQ(Zusign(verify).output, path + ": valid\n");
+    EXPECT_EQ(Zusign(verify).output,
+              path + ": valid (ad-hoc, signed by nobody)\n");
     EXPECT_THAT(Zusign("show " + path).output, HasSubstr("signed ad-hoc"));
     ASSERT_EQ(Zusign(sign_ + signing + path).output, "");
-    EXPECT_EQ(Zusign(verify + requirement).output, path + ": valid\n");
+    EXPECT_THAT(Zusign(verify + requirement).output,
+                HasSubstr(": valid (an anchor"));
     EXPECT_THAT(Zusign("show " + path).output, HasSubstr("Team: TEAM\n"));
   }
   std::ofstream(contents / "Resources/text") << "other";

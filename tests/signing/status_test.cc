@@ -86,10 +86,13 @@ TEST_F(StatusTest, DependsOnTheSigner) {
   const HttpServer responder([this](const HttpServerRequest& request) {
     return vendor_.Answer(request);
   });
-  const auto timestamp = [&](const char* usage, int64_t time) {
-    const Credential tsa = vendor_.Issue({.common_names = {"Clock"},
-                                          .extended_key_usage = usage,
-                                          .valid_from_s = -9 * kDay_s});
+  const auto timestamp = [&](const char* usage, int64_t time,
+                             const TestAuthority* authority = nullptr) {
+    Credential tsa = (authority != nullptr ? *authority : vendor_)
+                         .Issue({.common_names = {"Clock"},
+                                 .extended_key_usage = usage,
+                                 .valid_from_s = -9 * kDay_s});
+    if (authority != nullptr) tsa.certificates += authority->certificate();
     return [tsa, time](std::span<const std::byte> value, std::string&) {
       return std::optional(MakeTimestampToken(tsa, value, time));
     };
@@ -103,6 +106,8 @@ TEST_F(StatusTest, DependsOnTheSigner) {
   vendor_.Revoke(by_list);
   Credential own_root = stranger.Issue();
   own_root.certificates += stranger.certificate();
+  Credential own_expired = stranger.Issue(expired);
+  own_expired.certificates += stranger.certificate();
   Credential unchained = subordinate.Issue();
   unchained.certificates.resize(unchained.certificates.find("-----BEGIN", 1));
   const std::string name = kDeveloperIdName;
@@ -130,6 +135,17 @@ TEST_F(StatusTest, DependsOnTheSigner) {
        name + "/Test Authority", timestamp(kStamping, now - kDay_s / 2)},
       {"timestamp by nobody", vendor_.Issue(), kBad, name + "/Test Authority",
        timestamp("codeSigning", now)},
+      // Anybody's clock proves nothing, but for what is anybody's itself.
+      {"expired, says a stranger's clock",
+       vendor_.Issue(expired),
+       {1, 2, 1},
+       name + "/Test Authority",
+       timestamp(kStamping, now - 2 * kDay_s, &stranger)},
+      {"the stranger's own, expired",
+       own_expired,
+       {2, 2, 1},
+       name + "/Stranger",
+       timestamp(kStamping, now - 2 * kDay_s, &stranger)},
       {"revoked, says OCSP", by_ocsp, {1, 2, 1}, name + "/Test Authority"},
       {"revoked, says a list", by_list, {1, 2, 1}, name + "/Test Authority"},
       {"nobody answers", vendor_.Issue({.ocsp_url = "http://127.0.0.1:1"}),
@@ -150,10 +166,14 @@ TEST_F(StatusTest, DependsOnTheSigner) {
   // A list beside the anchors needs no network.
   const Credential listed = vendor_.Issue();
   vendor_.Revoke(listed);
-  std::ofstream(ZU_ANCHORS_DIRECTORY "/list.pem") << vendor_.MakeCrl();
   const SignedFile file(Format::kMachO);
   file.Sign(&listed);
-  EXPECT_EQ(Ask(file.path()), (Worth{1, 2, 1}));
+  // One that has expired still counts.
+  for (const int64_t until_s : {3600, -60}) {
+    std::ofstream(ZU_ANCHORS_DIRECTORY "/list.pem")
+        << vendor_.MakeCrl({.valid_from_s = -7200, .valid_until_s = until_s});
+    EXPECT_EQ(Ask(file.path()), (Worth{1, 2, 1}));
+  }
 }
 
 TEST_F(StatusTest, SeesDamage) {
@@ -269,6 +289,12 @@ TEST_F(StatusTest, OfBundles) {
          const SignedFile tool(Format::kMachO, contents / "Helpers/other");
          tool.Sign(&other);
          fs::rename(contents / "Helpers/other", contents / "Helpers/tool");
+       }},
+      {"code added below an omitted name",
+       {1, 2, 2},
+       [](const fs::path& contents) {
+         fs::create_directories(contents / "Resources/.DS_Store/x");
+         WriteBytes(contents / "Resources/.DS_Store/x/y", BuildMachO());
        }},
       {"as it was", kGood, [](const fs::path&) {}},
   };

@@ -86,19 +86,15 @@ int32_t CheckStaticCodeValidity(const Code& code, uint32_t flags,
   const std::shared_ptr<Verifier> verifier = SharedVerifier();
   if (!verifier) return kCodeSigningInternalError;
   VerifyOptions options{
+      .requirement =
+          requirement != nullptr ? &requirement->expression : nullptr,
       .all_architectures = (flags & kCheckAllArchitectures) != 0,
       .check_resources = (flags & kDoNotValidateResources) == 0,
       .check_nested_code = (flags & kCheckNestedCode) != 0,
       .consider_expiration = (flags & kConsiderExpiration) != 0,
       .check_revocation = (flags & kEnforceRevocationChecks) != 0};
   if (code.process) options.max_content_size = kMaxProcessContentSize;
-  const Verification verification = verifier->Verify(code.code, options);
-  if (verification.status != kCodeSigningSuccess) return verification.status;
-  if (requirement != nullptr &&
-      !Satisfies(verification.facts, requirement->expression)) {
-    return kCodeSigningRequirementFailed;
-  }
-  return kCodeSigningSuccess;
+  return verifier->Verify(code.code, options).status;
 }
 
 int32_t CheckCodeValidity(const Code& code, uint32_t flags,

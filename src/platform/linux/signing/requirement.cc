@@ -285,16 +285,8 @@ const std::optional<std::string>* FindField(const CertificateFacts* certificate,
 }
 
 bool EndsInRootOfApple(const SignatureFacts& facts) {
-  // SHA-256 of "Apple Root CA", "Apple Root CA - G2" and "Apple Root CA - G3".
-  static constexpr std::string_view kRoots[] = {
-      "b0b1730ecbc7ff4505142c49f1295e6eda6bcaed7e2c68c5be91b5a11001f024",
-      "c2b9b042dd57830e7d117dac55ac8ae19407d38e41d88f3215bc3a890444a050",
-      "63343abfb89a6a03ebb57e9b3f5fa7be7c4f5c756f3017b3a8c488c3653e9179"};
   const CertificateFacts* const root = At(facts, -1);
-  return root != nullptr &&
-         std::any_of(std::begin(kRoots), std::end(kRoots), [&](auto digits) {
-           return ParseHex(digits) == root->sha256;
-         });
+  return root != nullptr && IsRootOfApple(*root);
 }
 
 bool IsAppleSoftware(const SignatureFacts& facts) {
@@ -309,6 +301,17 @@ bool IsAppleSoftware(const SignatureFacts& facts) {
 std::optional<Expression> ParseRequirement(std::string_view text) {
   if (text.size() > kMaxRequirementSize) return std::nullopt;
   return Parser(text).Parse();
+}
+
+bool IsRootOfApple(const CertificateFacts& certificate) {
+  // SHA-256 of "Apple Root CA", "Apple Root CA - G2" and "Apple Root CA - G3".
+  static constexpr std::string_view kRoots[] = {
+      "b0b1730ecbc7ff4505142c49f1295e6eda6bcaed7e2c68c5be91b5a11001f024",
+      "c2b9b042dd57830e7d117dac55ac8ae19407d38e41d88f3215bc3a890444a050",
+      "63343abfb89a6a03ebb57e9b3f5fa7be7c4f5c756f3017b3a8c488c3653e9179"};
+  return std::any_of(std::begin(kRoots), std::end(kRoots), [&](auto digits) {
+    return ParseHex(digits) == certificate.sha256;
+  });
 }
 
 bool Satisfies(const SignatureFacts& facts, const Expression& expression) {

@@ -121,12 +121,15 @@ inline constexpr size_t kMaxRequirementSize = 64 * 1024;
 // long.
 std::optional<Expression> ParseRequirement(std::string_view text);
 
+// Apple's roots are known by their SHA-256, whether they are trust anchors
+// here or not.
+bool IsRootOfApple(const CertificateFacts& certificate);
+
 // Values are equal when all their bytes are, embedded NULs included. A value
 // that is not there, in a certificate or by position, equals nothing.
 //
-// Apple's roots are known by their SHA-256, whether they are trust anchors
-// here or not; its own software is what its "Apple Code Signing Certification
-// Authority" vouches for, directly below one of them.
+// Apple's own software is what its "Apple Code Signing Certification Authority"
+// vouches for, directly below one of its roots.
 bool Satisfies(const SignatureFacts& facts, const Expression& expression);
 
 }  // namespace zu::platform

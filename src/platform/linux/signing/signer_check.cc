@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/code_signing.h"
+#include "platform/linux/signing/certificate_facts.h"
 #include "platform/linux/signing/status.h"
 #include "platform/linux/signing/trust/certificates.h"
 #include "platform/linux/signing/trust/revocation.h"
@@ -20,6 +21,19 @@ CheckResult ChainFailure(int32_t status) {
     default:
       return {status, "the certificates lead to no root"};
   }
+}
+
+ChainResult EvaluateSigner(const CryptoContext& context,
+                           const TrustSet& trusted,
+                           const SignedMessage& message,
+                           const SignerPolicy& policy,
+                           std::optional<int64_t> time) {
+  return EvaluateChain(
+      context, *trusted.store, message.certificates(),
+      {.consider_expiration = time.has_value() || policy.consider_expiration,
+       .time = time,
+       .accept_own_root = true,
+       .accept_legacy_algorithms = policy.accept_legacy_algorithms});
 }
 
 // The authority's certificates, helped by the signer's: authorities leave out
@@ -44,14 +58,52 @@ ChainResult EvaluateTimestamp(const CryptoContext& context,
                         .accept_legacy_algorithms = accept_legacy_algorithms});
 }
 
+bool EndInTheSame(const ChainResult& a, const ChainResult& b) {
+  return !a.chain.empty() && !b.chain.empty() &&
+         X509_cmp(a.chain.back().get(), b.chain.back().get()) == 0;
+}
+
+// What a message's token says. Without a token everything is absent and good.
+struct TimestampCheck {
+  CheckResult result = {};
+  // When it counts.
+  std::optional<int64_t> time = std::nullopt;
+};
+
+TimestampCheck CheckTimestamp(
+    const std::shared_ptr<const CryptoContext>& context,
+    const TrustSet& trusted, const SignedMessage& message,
+    const SignerPolicy& policy) {
+  if (!message.timestamp_token()) return {};
+  const std::optional<Timestamp> timestamp = VerifyTimestampToken(
+      context, *message.timestamp_token(), message.signature_value());
+  if (!timestamp) {
+    return {{kCodeSigningSignatureFailed, "the timestamp is not valid"}};
+  }
+  const ChainResult chain =
+      EvaluateTimestamp(*context, trusted, *timestamp, message.certificates(),
+                        policy.accept_legacy_algorithms);
+  if (chain.status != kCodeSigningSuccess) {
+    return {{chain.status, "the timestamp's certificates are not good"}};
+  }
+  if (!chain.anchor_trusted) {
+    SignerPolicy at_any_time = policy;
+    at_any_time.consider_expiration = false;
+    const ChainResult signer =
+        EvaluateSigner(*context, trusted, message, at_any_time, std::nullopt);
+    if (!EndInTheSame(chain, signer)) return {};
+  }
+  return {.time = timestamp->time};
+}
+
 }  // namespace
 
-std::optional<Timestamp> TimestampOf(
+std::optional<int64_t> TimestampOf(
     const std::shared_ptr<const CryptoContext>& context,
-    const SignedMessage& message) {
-  if (!message.timestamp_token()) return std::nullopt;
-  return VerifyTimestampToken(context, *message.timestamp_token(),
-                              message.signature_value());
+    const TrustSet& trusted, const SignedMessage& message) {
+  return CheckTimestamp(context, trusted, message,
+                        {.accept_legacy_algorithms = true})
+      .time;
 }
 
 CheckResult CheckSigner(const std::shared_ptr<const CryptoContext>& context,
@@ -61,35 +113,21 @@ CheckResult CheckSigner(const std::shared_ptr<const CryptoContext>& context,
     return {kCodeSigningSignatureFailed,
             "the signature was not made by its certificate"};
   }
-  ChainPolicy chain_policy{
-      .consider_expiration = policy.consider_expiration,
-      .accept_own_root = true,
-      .accept_legacy_algorithms = policy.accept_legacy_algorithms};
-  bool timestamp_is_anchored = true;
-  if (message.timestamp_token()) {
-    const std::optional<Timestamp> timestamp = TimestampOf(context, message);
-    if (!timestamp) {
-      return {kCodeSigningSignatureFailed, "the timestamp is not valid"};
-    }
-    const ChainResult chain =
-        EvaluateTimestamp(*context, trusted, *timestamp, message.certificates(),
-                          policy.accept_legacy_algorithms);
-    if (chain.status != kCodeSigningSuccess) {
-      return {chain.status, "the timestamp's certificates are not good"};
-    }
-    timestamp_is_anchored = chain.anchor_trusted;
-    chain_policy.consider_expiration = true;
-    chain_policy.time = timestamp->time;
-  }
-  ChainResult chain = EvaluateChain(*context, *trusted.store,
-                                    message.certificates(), chain_policy);
+  const TimestampCheck timestamp =
+      CheckTimestamp(context, trusted, message, policy);
+  if (!timestamp.result.good()) return timestamp.result;
+  ChainResult chain =
+      EvaluateSigner(*context, trusted, message, policy, timestamp.time);
   if (chain.status != kCodeSigningSuccess) return ChainFailure(chain.status);
-  if (policy.revocation_deadline &&
-      IsRevoked(*context, chain.chain, trusted.lists,
-                *policy.revocation_deadline)) {
-    return {kCertificateRevoked, "a certificate has been revoked"};
+  if (policy.revocation_deadline) {
+    const bool answers_count =
+        chain.anchor_trusted || IsRootOfApple(FactsOf(*chain.chain.back()));
+    if (IsRevoked(*context, chain.chain, trusted.lists,
+                  answers_count ? *policy.revocation_deadline : Deadline())) {
+      return {kCertificateRevoked, "a certificate has been revoked"};
+    }
   }
-  signer.anchor_trusted = chain.anchor_trusted && timestamp_is_anchored;
+  signer.anchor_trusted = chain.anchor_trusted;
   signer.chain = std::move(chain.chain);
   return {};
 }

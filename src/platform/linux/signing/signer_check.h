@@ -35,21 +35,28 @@ struct SignerPolicy {
 struct Signer {
   // Leaf first, root last.
   std::vector<CertificatePtr> chain = {};
-  // The chain ends in an anchor, and so does the timestamp's if there is one.
+  // The chain ends in an anchor.
   bool anchor_trusted = false;
 };
 
-// The token that comes with a message, its authority's certificates not yet
-// checked. Absent when there is none or it is about something else.
-std::optional<Timestamp> TimestampOf(
+// When a time-stamping authority saw a message, in seconds of the Unix epoch.
+// Absent when there is no token, it is bad, or its authority counts for nothing
+// (see below).
+std::optional<int64_t> TimestampOf(
     const std::shared_ptr<const CryptoContext>& context,
-    const SignedMessage& message);
+    const TrustSet& trusted, const SignedMessage& message);
 
 // Checks everything about a message that was parsed but the content's digest:
 // the signature over its attributes, its timestamp, its certificates at the
 // time that the timestamp names. A chain may end in a self-signed certificate
 // that came along: what an anchor vouches for is told apart by
 // `anchor_trusted`.
+//
+// The timestamp's time counts when its chain ends in an anchor, or where the
+// signer's does. Anybody can set up an authority that vouches for any time.
+//
+// The network is asked about revocation only where the answer means something:
+// when the chain ends in an anchor or in a root of Apple's.
 CheckResult CheckSigner(const std::shared_ptr<const CryptoContext>& context,
                         const TrustSet& trusted, const SignedMessage& message,
                         const SignerPolicy& policy, Signer& signer);

@@ -30,6 +30,9 @@ std::optional<StaticCode> StaticCode::Open(const std::string& path) {
     }
   } else if (S_ISREG(status.st_mode)) {
     bundle = FindBundleOfExecutable(path);
+  } else {
+    errno = EINVAL;  // Opening a device can do things to it.
+    return std::nullopt;
   }
   FileDescriptor file;
   if (!bundle) {

@@ -1,6 +1,7 @@
 #include "platform/linux/signing/verifier.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 
 #include "platform/code_signing.h"
@@ -22,6 +23,9 @@ namespace {
 // Bundles in bundles. Deeper ones than any host builds count as damaged.
 constexpr int kMaxNesting = 16;
 constexpr uint64_t kMaxResourceListSize = 64 << 20;
+// What one check reads at the most, all nested code included. Files can be
+// said to be of any size and hold next to nothing.
+constexpr uint64_t kMaxContentSize = uint64_t{64} << 30;
 
 constexpr CheckResult kUnreadable{kCodeSigningNotVerifiable,
                                   "the file cannot be read"};
@@ -132,19 +136,22 @@ class Check {
     }
   }
 
-  // `whole`: resources and pages, too, instead of the directory only.
+  // `whole`: resources and pages, too, instead of the directory only. `facts`
+  // are those of each piece of code; the native one is the first.
   CheckResult Run(const StaticCode& code, bool whole, int depth,
-                  SignatureFacts& facts) {
+                  const Expression* requirement,
+                  std::vector<SignatureFacts>& facts) {
     std::vector<DirectoryCode> pieces;
     const CheckResult found =
         FindDirectoryCode(code, options_.all_architectures, pieces);
     if (!found.good()) return found;
-    if (pieces.empty()) return RunAppended(code.descriptor(), whole, facts);
+    if (pieces.empty()) {
+      return RunAppended(code.descriptor(), whole, requirement,
+                         facts.emplace_back());
+    }
     for (const DirectoryCode& piece : pieces) {
-      SignatureFacts other;
-      const bool native = &piece == &pieces.front();
       const CheckResult result =
-          RunDirectory(piece, whole, native ? facts : other);
+          RunDirectory(piece, whole, requirement, facts.emplace_back());
       if (!result.good()) return result;
       if (piece.signature().best().team !=
           pieces.front().signature().best().team) {
@@ -158,8 +165,10 @@ class Check {
 
  private:
   // What costs little comes first, so that only files with a good signature
-  // are read as a whole.
-  CheckResult RunAppended(int descriptor, bool whole, SignatureFacts& facts) {
+  // (and of whom the requirement asks for) are read as a whole.
+  CheckResult RunAppended(int descriptor, bool whole,
+                          const Expression* requirement,
+                          SignatureFacts& facts) {
     AppendedSignature signature = FindAppended(descriptor);
     if (!signature.found.good()) return signature.found;
     SignedMessage message;
@@ -173,28 +182,34 @@ class Check {
     Signer signer;
     result = CheckSigner(context_, trusted_, message, signer_policy_, signer);
     if (!result.good()) return result;
-    if (whole) {
-      if (signature.layout.content_size > options_.max_content_size) {
-        return {kCodeSigningNotVerifiable, "the file is too large"};
-      }
-      const auto digest = DigestOfContent(
-          descriptor, signature.layout.content_size, message.digest());
-      if (!digest) return kUnreadable;
-      if (!message.VerifyContent(*digest)) {
-        return {kCodeSigningSignatureFailed,
-                "the content is not what was signed"};
-      }
-    }
     facts.identifier = message.content_identifier();
     AddSigner(signer, facts);
+    result = CheckRequirement(facts, requirement);
+    if (!result.good() || !whole) return result;
+    if (signature.layout.content_size > options_.max_content_size ||
+        !Spend(signature.layout.content_size)) {
+      return {kCodeSigningNotVerifiable, "the file is too large"};
+    }
+    const auto digest = DigestOfContent(
+        descriptor, signature.layout.content_size, message.digest());
+    if (!digest) return kUnreadable;
+    if (!message.VerifyContent(*digest)) {
+      return {kCodeSigningSignatureFailed,
+              "the content is not what was signed"};
+    }
     return {};
   }
 
   CheckResult RunDirectory(const DirectoryCode& code, bool whole,
+                           const Expression* requirement,
                            SignatureFacts& facts) {
     if (!code.found().good()) return code.found();
     const EmbeddedSignature& signature = code.signature();
-    if (!signature.best().is_ad_hoc()) {
+    const CodeDirectory& directory = signature.best();
+    if (directory.is_ad_hoc()) {
+      // Nothing binds other directories to this one.
+      facts.cdhashes.push_back(CdHash(*context_, directory));
+    } else {
       if (signature.cms.empty()) {
         return {kCodeSigningUnsigned, "nobody has signed the code directory"};
       }
@@ -210,22 +225,51 @@ class Check {
       result = code.CheckDirectories(*context_, message);
       if (!result.good()) return result;
       AddSigner(signer, facts);
+      for (const CodeDirectory& each : signature.directories) {
+        facts.cdhashes.push_back(CdHash(*context_, each));
+      }
     }
-    CheckResult result = code.CheckComponents(*context_);
+    facts.identifier = directory.identifier;
+    CheckResult result = CheckRequirement(facts, requirement);
     if (!result.good()) return result;
-    if (whole) {
-      result = code.CheckCode(*context_);
-      if (!result.good()) return result;
+    result = code.CheckComponents(*context_);
+    if (!result.good() || !whole) return result;
+    if (!Spend(directory.code_limit)) {
+      return {kCodeSigningNotVerifiable, "the file is too large"};
     }
-    facts.identifier = signature.best().identifier;
-    for (const CodeDirectory& directory : signature.directories) {
-      facts.cdhashes.push_back(CdHash(*context_, directory));
-    }
-    return {};
+    return code.CheckCode(*context_);
+  }
+
+  static CheckResult CheckRequirement(const SignatureFacts& facts,
+                                      const Expression* requirement) {
+    if (requirement == nullptr || Satisfies(facts, *requirement)) return {};
+    return {kCodeSigningRequirementFailed, "the requirement is not satisfied"};
   }
 
   CheckResult RunResources(const BundleLayout& bundle,
                            const DirectoryCode& code, int depth) {
+    std::vector<ResourceSeal::NestedCode> nested;
+    const CheckResult result = CompareResources(bundle, code, nested);
+    if (!result.good()) return result;
+    // The seal and its list are gone by now.
+    for (const ResourceSeal::NestedCode& inner : nested) {
+      switch (RunNested(inner, depth + 1)) {
+        case kCodeSigningSuccess:
+          break;
+        case kCodeSigningUnsigned:
+          return {kCodeSigningUnsignedNestedCode,
+                  "code inside the bundle is not signed"};
+        default:
+          return {kCodeSigningBadNestedCode,
+                  "code inside the bundle is not what was sealed"};
+      }
+    }
+    return {};
+  }
+
+  CheckResult CompareResources(const BundleLayout& bundle,
+                               const DirectoryCode& code,
+                               std::vector<ResourceSeal::NestedCode>& nested) {
     const CodeDirectory& directory = code.signature().best();
     const auto list = ReadRegularFile(
         bundle.signature_directory + "/CodeResources", kMaxResourceListSize);
@@ -240,18 +284,11 @@ class Check {
     if (!seal) {
       return {kCodeSigningResourcesInvalid, "the list of resources is broken"};
     }
-    const int32_t status = seal->VerifyResources(
-        *context_, bundle,
-        [&](const std::string& path, const std::string& requirement) {
-          return RunNested(path, requirement, depth + 1);
-        });
+    const int32_t status =
+        seal->VerifyResources(*context_, bundle, budget_, nested);
     switch (status) {
       case kCodeSigningSuccess:
         return {};
-      case kCodeSigningUnsignedNestedCode:
-        return {status, "code inside the bundle is not signed"};
-      case kCodeSigningBadNestedCode:
-        return {status, "code inside the bundle is not what was sealed"};
       case kCodeSigningResourceNotSupported:
         return {status, "the bundle holds what cannot be sealed"};
       default:
@@ -259,19 +296,29 @@ class Check {
     }
   }
 
-  int32_t RunNested(const std::string& path, const std::string& requirement,
-                    int depth) {
-    if (depth > kMaxNesting) return kCodeSigningBadNestedCode;
-    const std::optional<Expression> rule = ParseRequirement(requirement);
+  // Each piece of nested code is checked once, however often seals name it:
+  // seals can name the code of all bundles below them.
+  int32_t RunNested(const ResourceSeal::NestedCode& inner, int depth) {
+    const std::optional<Expression> rule = ParseRequirement(inner.requirement);
     if (!rule) return kCodeSigningResourcesInvalid;
-    const std::optional<StaticCode> code = StaticCode::Open(path);
+    const std::optional<StaticCode> code = StaticCode::Open(inner.path);
     if (!code) return kCodeSigningUnsigned;
-    SignatureFacts facts;
-    const CheckResult result =
-        Run(*code, options_.check_nested_code, depth, facts);
-    if (!result.good()) return result.status;
-    return Satisfies(facts, *rule) ? kCodeSigningSuccess
-                                   : kCodeSigningRequirementFailed;
+    const auto [position, is_new] =
+        nested_.try_emplace(code->bundle() ? code->bundle()->root : inner.path);
+    Nested& nested = position->second;
+    if (is_new) {
+      // Until it is known: what contains itself is bad.
+      nested.result.status = kCodeSigningBadNestedCode;
+      if (depth <= kMaxNesting) {
+        nested.result = Run(*code, options_.check_nested_code, depth, nullptr,
+                            nested.facts);
+      }
+    }
+    if (!nested.result.good()) return nested.result.status;
+    const bool satisfied = std::all_of(
+        nested.facts.begin(), nested.facts.end(),
+        [&](const SignatureFacts& facts) { return Satisfies(facts, *rule); });
+    return satisfied ? kCodeSigningSuccess : kCodeSigningRequirementFailed;
   }
 
   static void AddSigner(const Signer& signer, SignatureFacts& facts) {
@@ -281,10 +328,23 @@ class Check {
     facts.anchor_trusted = signer.anchor_trusted;
   }
 
+  bool Spend(uint64_t bytes) {
+    if (bytes > budget_) return false;
+    budget_ -= bytes;
+    return true;
+  }
+
+  struct Nested {
+    CheckResult result;
+    std::vector<SignatureFacts> facts;
+  };
+
   const std::shared_ptr<const CryptoContext> context_;
   const TrustSet& trusted_;
   const VerifyOptions& options_;
   SignerPolicy signer_policy_;
+  uint64_t budget_ = kMaxContentSize;
+  std::map<std::string, Nested> nested_;
 };
 
 // What can be told about a message, also where it is damaged.
@@ -297,8 +357,8 @@ void AddMessage(const std::shared_ptr<const CryptoContext>& context,
   information.reason = result.reason;
   if (result.good()) {
     information.signing_time = message.signing_time();
-    if (const auto timestamp = TimestampOf(context, message)) {
-      information.timestamp = timestamp->time;
+    if (trusted != nullptr) {
+      information.timestamp = TimestampOf(context, *trusted, message);
     }
     if (!information.identifier) {
       information.identifier = message.content_identifier();
@@ -347,11 +407,12 @@ Verification Verifier::Verify(const StaticCode& code,
   const ScopedErrorMark mark;
   const std::shared_ptr<const TrustSet> trusted = anchors_.Current();
   if (!trusted) return {kCertificateNotTrusted, "memory is short"};
-  Verification verification;
+  std::vector<SignatureFacts> facts;
   const CheckResult result =
-      Check(context_, *trusted, options).Run(code, true, 0, verification.facts);
-  verification.status = result.status;
-  verification.reason = result.reason;
+      Check(context_, *trusted, options)
+          .Run(code, true, 0, options.requirement, facts);
+  Verification verification{result.status, result.reason};
+  if (result.good()) verification.facts = std::move(facts.front());
   return verification;
 }
 

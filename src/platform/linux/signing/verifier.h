@@ -21,6 +21,8 @@
 namespace zu::platform {
 
 struct VerifyOptions {
+  // What every slice that is checked has to satisfy; null: nothing. Borrowed.
+  const Expression* requirement = nullptr;
   // Every slice of a universal file, instead of the one that NativeSlice
   // names. They must agree about the team.
   bool all_architectures = false;

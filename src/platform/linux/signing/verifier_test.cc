@@ -4,6 +4,7 @@
 #include <openssl/cms.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
@@ -156,6 +157,40 @@ TEST_F(VerifierTest, DetectsEveryChangedByte) {
     }
     EXPECT_EQ(Verify(file).status, kCodeSigningSuccess);
   }
+}
+
+// Ad-hoc code is known by its digest, which must not be had by carrying a
+// genuine directory beside one's own.
+TEST_F(VerifierTest, TakesNoForeignDigestFromAdHocCode) {
+  const auto sign = [this](const std::string& text,
+                           std::vector<CodeHash> hashes) {
+    const std::string path = tree_.Path("image");
+    test::WriteBytes(path, test::BuildMachO({.info_dictionary = text}));
+    std::string error;
+    EXPECT_EQ(SignMachO(path, {.identifier = "a", .hashes = hashes}, error),
+              SignResult::kSigned);
+    Bytes bytes = test::ReadBytes(path);
+    std::filesystem::remove(path);
+    return bytes;
+  };
+  const Bytes good = sign("good", {CodeHash::kSha256});
+  Bytes evil = sign("evil", {CodeHash::kSha256, CodeHash::kSha384});
+  // Magic number, and a length that is the same in both.
+  const auto directory = [](auto& file) {
+    constexpr std::byte kMagic[] = {std::byte{0xfa}, std::byte{0xde},
+                                    std::byte{0x0c}, std::byte{0x02}};
+    return std::search(file.begin(), file.end(), std::begin(kMagic),
+                       std::end(kMagic));
+  };
+  const auto source = directory(good);
+  const size_t size = std::to_integer<size_t>(source[6]) << 8 |
+                      std::to_integer<size_t>(source[7]);
+  ASSERT_EQ(directory(evil)[7], source[7]);
+  std::copy_n(source, size, directory(evil));
+  const Verification result = Verify(evil);
+  EXPECT_EQ(result.status, kCodeSigningSuccess) << result.reason;
+  ASSERT_EQ(result.facts.cdhashes.size(), 1u);
+  EXPECT_NE(result.facts.cdhashes, Verify(good).facts.cdhashes);
 }
 
 TEST_F(VerifierTest, TellsKindsOfDamage) {

@@ -46,8 +46,7 @@ bool IsFileName(std::string_view name) {
 
 // CFBundleExecutable; empty when the dictionary does not say.
 std::string ExecutableName(const std::string& info_dictionary) {
-  const auto bytes =
-      ReadRegularFile(info_dictionary, PropertyList::kMaxSize);
+  const auto bytes = ReadRegularFile(info_dictionary, PropertyList::kMaxSize);
   if (!bytes) return {};
   const std::optional<PropertyList> list = PropertyList::Parse(*bytes);
   if (!list) return {};
@@ -74,6 +73,8 @@ std::optional<BundleLayout> FindBundle(const std::string& directory) {
                       .signature_directory = {}};
   std::string executables = path;
   if (TypeAt(path + "/Contents") == S_IFDIR) {
+    // An application or a framework: the loader and we might choose otherwise.
+    if (TypeAt(path + "/Versions") != 0) return std::nullopt;
     layout.resource_base = path + "/Contents";
     layout.info_dictionary = layout.resource_base + "/Info.plist";
     executables = layout.resource_base + "/MacOS";

@@ -127,12 +127,14 @@ class Walk {
       return kCodeSigningBadResource;
     }
     const ResourceRule* const rule = rules_.Find(path_);
-    if (rule != nullptr && rule->omit) return 0;
+    // A directory is entered all the same: what is in there has rules of its
+    // own, or was added.
+    if (rule != nullptr && rule->omit && !S_ISDIR(status.st_mode)) return 0;
     FoundResource::Kind kind = FoundResource::Kind::kFile;
     switch (status.st_mode & S_IFMT) {
       case S_IFDIR:
         // What is no code is entered, whatever rule matches it.
-        if (!nested_ || rule == nullptr || !rule->nested ||
+        if (!nested_ || rule == nullptr || rule->omit || !rule->nested ||
             std::strchr(name, '.') == nullptr) {
           return Enter(directory, name, depth + 1);
         }

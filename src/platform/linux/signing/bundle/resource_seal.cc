@@ -17,12 +17,16 @@
 namespace zu::platform {
 namespace {
 
+// More than any bundle has; what stays in memory at once is bounded.
+constexpr size_t kMaxEntries = 1 << 20;
+constexpr size_t kMaxRequirements = 16 << 20;  // Bytes, all of them together.
+
 std::string_view AsText(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 bool HasDigest(const FoundResource& found, const EVP_MD& digest,
-               std::string_view expected) {
+               std::string_view expected, uint64_t& budget) {
   const FileDescriptor file(RetryOnInterrupt([&] {
     // A pipe that has taken the file's place would make a plain open wait.
     return ::openat(found.directory, found.name,
@@ -33,8 +37,10 @@ bool HasDigest(const FoundResource& found, const EVP_MD& digest,
       !S_ISREG(status.st_mode)) {
     return false;
   }
-  const auto value = DigestOfContent(
-      file.get(), static_cast<uint64_t>(status.st_size), digest);
+  const auto size = static_cast<uint64_t>(status.st_size);
+  if (size > budget) return false;
+  budget -= size;
+  const auto value = DigestOfContent(file.get(), size, digest);
   return value && AsText(*value) == expected;
 }
 
@@ -52,9 +58,11 @@ bool PointsTo(const FoundResource& found, std::string_view expected) {
 
 struct ResourceSeal::Check {
   const CryptoContext& context;
+  const BundleLayout& bundle;
+  uint64_t& budget;
+  std::vector<NestedCode>& nested;
   std::vector<const Entry*> seen = {};
-  // Paths and requirements. Checked when no directory is open any more.
-  std::vector<std::pair<std::string, std::string_view>> code = {};
+  size_t requirements = 0;  // Bytes.
 };
 
 std::optional<ResourceSeal::Entry> ResourceSeal::ParseEntry(
@@ -96,7 +104,8 @@ std::shared_ptr<const ResourceSeal> ResourceSeal::Parse(
       new ResourceSeal(*std::move(list), *std::move(compiled)));
   seal->nested_ = nested;
   const auto files = seal->list_.root().Find(nested ? "files2" : "files");
-  if (!files || files->type() != PropertyList::Type::kDictionary) {
+  if (!files || files->type() != PropertyList::Type::kDictionary ||
+      files->size() > kMaxEntries) {
     return nullptr;
   }
   for (size_t index = 0; index < files->size(); ++index) {
@@ -116,7 +125,7 @@ int32_t ResourceSeal::Compare(const FoundResource& found, Check& check) const {
     case Entry::Kind::kDigest: {
       const EVP_MD* const digest = check.context.Digest(entry.digest);
       good = found.kind == FoundResource::Kind::kFile && digest != nullptr &&
-             HasDigest(found, *digest, entry.value);
+             HasDigest(found, *digest, entry.value, check.budget);
       break;
     }
     case Entry::Kind::kSymlink:
@@ -124,8 +133,13 @@ int32_t ResourceSeal::Compare(const FoundResource& found, Check& check) const {
              PointsTo(found, entry.value);
       break;
     case Entry::Kind::kCode:
-      good = found.kind != FoundResource::Kind::kSymlink;
-      check.code.emplace_back(found.path, entry.value);
+      check.requirements += entry.value.size();
+      good = found.kind != FoundResource::Kind::kSymlink &&
+             check.requirements <= kMaxRequirements;
+      if (!good) break;
+      check.nested.push_back(
+          {check.bundle.resource_base + "/" + std::string(found.path),
+           std::string(entry.value)});
       break;
   }
   check.seen.push_back(&entry);
@@ -134,9 +148,10 @@ int32_t ResourceSeal::Compare(const FoundResource& found, Check& check) const {
 
 int32_t ResourceSeal::VerifyResources(const CryptoContext& context,
                                       const BundleLayout& bundle,
-                                      const CheckNested& check_nested) const {
+                                      uint64_t& budget,
+                                      std::vector<NestedCode>& nested) const {
   const ScopedErrorMark mark;
-  Check check{.context = context};
+  Check check{context, bundle, budget, nested};
   const int32_t status = WalkResources(
       bundle, rules_, nested_,
       [&](const FoundResource& found) { return Compare(found, check); });
@@ -147,14 +162,6 @@ int32_t ResourceSeal::VerifyResources(const CryptoContext& context,
         !std::binary_search(check.seen.begin(), check.seen.end(), &entry,
                             std::less<>())) {
       return kCodeSigningBadResource;
-    }
-  }
-  for (const auto& [path, requirement] : check.code) {
-    const int32_t nested = check_nested(bundle.resource_base + "/" + path,
-                                        std::string(requirement));
-    if (nested != kCodeSigningSuccess) {
-      return nested == kCodeSigningUnsigned ? kCodeSigningUnsignedNestedCode
-                                            : kCodeSigningBadNestedCode;
     }
   }
   return kCodeSigningSuccess;

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,17 +29,19 @@ class ResourceSeal {
   static std::shared_ptr<const ResourceSeal> Parse(
       std::span<const std::byte> bytes);
 
-  // What VerifyResources asks about nested code: whether the code at this
-  // absolute path is valid and satisfies this requirement. A status number.
-  using CheckNested = std::function<int32_t(const std::string& path,
-                                            const std::string& requirement)>;
+  // Code that the seal holds to a requirement: for the caller to check.
+  struct NestedCode {
+    std::string path;  // Absolute.
+    std::string requirement;
+  };
 
   // Compares the bundle with the seal: every file is there unless it may be
   // missing, unchanged, and none was added. 0, or the platform's number for
-  // what is wrong.
+  // what is wrong. Appends the nested code that was found to `nested`, and
+  // takes what it reads from `budget`, the bytes that may still be read.
   int32_t VerifyResources(const CryptoContext& context,
-                          const BundleLayout& bundle,
-                          const CheckNested& check_nested) const;
+                          const BundleLayout& bundle, uint64_t& budget,
+                          std::vector<NestedCode>& nested) const;
 
  private:
   // What was sealed under one path: a digest, a link or code.

@@ -92,12 +92,12 @@ TEST_F(BundleSignerTest, SealsWhatTheVerifierAsksFor) {
   ASSERT_TRUE(seal);
   std::map<std::string, std::string> nested;
   const auto verify = [&] {
-    return seal->VerifyResources(
-        *context_, *FindBundle(app_),
-        [&](const std::string& path, const std::string& requirement) {
-          nested[path] = requirement;
-          return 0;
-        });
+    uint64_t budget = 1 << 20;
+    std::vector<ResourceSeal::NestedCode> code;
+    const int32_t status =
+        seal->VerifyResources(*context_, *FindBundle(app_), budget, code);
+    for (const auto& each : code) nested[each.path] = each.requirement;
+    return status;
   };
   EXPECT_EQ(verify(), 0);
   ASSERT_EQ(nested.size(), 2u);

@@ -168,6 +168,25 @@ StorePtr SelfSigned(std::span<const CertificatePtr> certificates) {
   return store;
 }
 
+// The most specific value that the subject has of this kind, in UTF-8.
+std::optional<std::string> LastAttribute(const X509& certificate, int kind) {
+  const X509_NAME* const name = X509_get_subject_name(&certificate);
+  int last = -1;
+  for (int i = -1; (i = X509_NAME_get_index_by_NID(name, kind, i)) >= 0;) {
+    last = i;
+  }
+  if (last < 0) return std::nullopt;
+  unsigned char* text = nullptr;
+  const int size = ASN1_STRING_to_UTF8(
+      &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, last)));
+  if (size < 0) return std::nullopt;
+  std::optional<std::string> value(std::in_place,
+                                   reinterpret_cast<const char*>(text),
+                                   static_cast<size_t>(size));
+  OPENSSL_free(text);
+  return value;
+}
+
 }  // namespace
 
 bool MaySignCode(X509& certificate) {
@@ -203,21 +222,16 @@ ChainResult EvaluateChain(const CryptoContext& context, X509_STORE& anchors,
 }
 
 std::optional<std::string> SubjectSummary(const X509& certificate) {
-  const X509_NAME* const name = X509_get_subject_name(&certificate);
   for (const int kind : {NID_commonName, NID_organizationalUnitName,
                          NID_organizationName, NID_pkcs9_emailAddress}) {
-    int last = -1;
-    for (int i = -1; (i = X509_NAME_get_index_by_NID(name, kind, i)) >= 0;) {
-      last = i;
+    std::optional<std::string> summary = LastAttribute(certificate, kind);
+    if (!summary) continue;
+    if (kind == NID_commonName) {
+      if (const auto description =
+              LastAttribute(certificate, NID_description)) {
+        *summary += " (" + *description + ")";
+      }
     }
-    if (last < 0) continue;
-    unsigned char* text = nullptr;
-    const int size = ASN1_STRING_to_UTF8(
-        &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, last)));
-    if (size < 0) continue;
-    std::string summary(reinterpret_cast<const char*>(text),
-                        static_cast<size_t>(size));
-    OPENSSL_free(text);
     return summary;
   }
   return std::nullopt;

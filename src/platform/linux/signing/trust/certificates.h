@@ -55,8 +55,9 @@ ChainResult EvaluateChain(const CryptoContext& context, X509_STORE& anchors,
                           const ChainPolicy& policy);
 
 // A certificate's subject in a few words, as people know it: its last common
-// name, else its last organizational unit, organization or mail address.
-// Absent when it has none of them.
+// name, with its description in parentheses if it has one, else its last
+// organizational unit, organization or mail address. Absent when it has none of
+// them.
 std::optional<std::string> SubjectSummary(const X509& certificate);
 
 }  // namespace zu::platform

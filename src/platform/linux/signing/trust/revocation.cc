@@ -98,6 +98,13 @@ int TolerateWhatWasJudged(int good, X509_STORE_CTX* evaluation) {
   }
 }
 
+// Whoever is on a list stays revoked when the list expires.
+int TolerateOldLists(int good, X509_STORE_CTX* evaluation) {
+  return X509_STORE_CTX_get_error(evaluation) == X509_V_ERR_CRL_HAS_EXPIRED
+             ? 1
+             : TolerateWhatWasJudged(good, evaluation);
+}
+
 // One certificate about which to ask.
 class Question {
  public:
@@ -113,11 +120,15 @@ class Question {
     }
   }
 
+  // Lists of ours: one that has expired can still revoke, but no longer tells
+  // that a certificate is good.
   Finding AskLists(std::span<const CrlPtr> lists) const;
   bool has_sources() const { return !sources_.empty(); }
   Finding AskNetwork(Deadline deadline) const;
 
  private:
+  Finding Evaluate(std::span<const CrlPtr> lists,
+                   X509_STORE_CTX_verify_cb tolerate) const;
   Finding AskResponder(const std::string& url, Deadline deadline) const;
   Finding AskListAt(const std::string& url, Deadline deadline) const;
 
@@ -131,7 +142,8 @@ class Question {
 // libcrypto's own rules for lists: the issuer's signature and right to sign
 // lists, the list's time and scope, no delta and no indirect lists, no unknown
 // critical extensions, and removals from a list.
-Finding Question::AskLists(std::span<const CrlPtr> lists) const {
+Finding Question::Evaluate(std::span<const CrlPtr> lists,
+                           X509_STORE_CTX_verify_cb tolerate) const {
   if (lists.empty()) return Finding::kUnknown;
   const ListStackPtr stack(sk_X509_CRL_new_null());
   const StoreContextPtr evaluation(
@@ -144,9 +156,17 @@ Finding Question::AskLists(std::span<const CrlPtr> lists) const {
   for (const CrlPtr& list : lists) sk_X509_CRL_push(stack.get(), list.get());
   X509_STORE_CTX_set0_crls(evaluation.get(), stack.get());
   X509_STORE_CTX_set_flags(evaluation.get(), X509_V_FLAG_CRL_CHECK);
-  X509_STORE_CTX_set_verify_cb(evaluation.get(), &TolerateWhatWasJudged);
+  X509_STORE_CTX_set_verify_cb(evaluation.get(), tolerate);
   if (X509_verify_cert(evaluation.get()) == 1) return Finding::kGood;
   return X509_STORE_CTX_get_error(evaluation.get()) == X509_V_ERR_CERT_REVOKED
+             ? Finding::kRevoked
+             : Finding::kUnknown;
+}
+
+Finding Question::AskLists(std::span<const CrlPtr> lists) const {
+  const Finding finding = Evaluate(lists, &TolerateWhatWasJudged);
+  if (finding != Finding::kUnknown) return finding;
+  return Evaluate(lists, &TolerateOldLists) == Finding::kRevoked
              ? Finding::kRevoked
              : Finding::kUnknown;
 }
@@ -157,7 +177,8 @@ Finding Question::AskListAt(const std::string& url, Deadline deadline) const {
   if (!body) return Finding::kUnknown;
   std::span<const std::byte> der(*body);
   const CrlPtr list = context_.TakeCrl(der);
-  return list ? AskLists(std::span(&list, 1)) : Finding::kUnknown;
+  return list ? Evaluate(std::span(&list, 1), &TolerateWhatWasJudged)
+              : Finding::kUnknown;
 }
 
 Finding Question::AskResponder(const std::string& url,
