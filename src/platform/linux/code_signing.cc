@@ -121,8 +121,8 @@ std::optional<SigningInformation> CopySigningInformation(const Code& code) {
       .timestamp = ToAbsoluteTime(found.timestamp),
       .signing_time = ToAbsoluteTime(found.signing_time)};
   for (CertificatePtr& certificate : found.certificates) {
-    information.certificates.push_back(
-        std::make_shared<const Certificate>(std::move(certificate)));
+    information.certificates.push_back(std::make_shared<const Certificate>(
+        Certificate{std::move(certificate)}));
   }
   return information;
 }
