@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <string_view>
 #include <thread>
 
 #include "tests/support/child_process.h"
@@ -12,9 +14,9 @@ extern "C" {
 // Only there in a build with the thread sanitizer.
 [[gnu::weak]] void __tsan_init();
 // Called by it. Forked children of a process with threads are what some tests
-// are about.
+// are about, and hosts that exit in a signal handler.
 [[gnu::visibility("default")]] const char* __tsan_default_options() {
-  return "die_after_fork=0";
+  return "die_after_fork=0:report_signal_unsafe=0";
 }
 }
 
@@ -25,14 +27,24 @@ namespace {
 void SettleThreads() {
   if (__tsan_init == nullptr) return;
   std::thread([] {}).join();
-  (void)zu::test::WaitUntil([] { return zu::test::CountThreads() == 2; });
+  constexpr int kQuiet_ms = 20;
+  (void)zu::test::WaitUntil([last = 0L, same = 0]() mutable {
+    const auto count = static_cast<long>(zu::test::CountThreads());
+    same = count == last ? same + 1 : 0;
+    last = count;
+    return same == kQuiet_ms;
+  });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!std::any_of(argv, argv + argc, [](std::string_view argument) {
+        return argument == "--gtest_list_tests";
+      })) {
+    zu::test::EnterTestRoot(argv);
+  }
   ::testing::InitGoogleMock(&argc, argv);
-  if (!GTEST_FLAG_GET(list_tests)) zu::test::EnterTestRoot();
   SettleThreads();
   if (const auto status = zu::test::RunNamedScenario(argc, argv)) {
     return *status;

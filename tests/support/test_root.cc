@@ -3,10 +3,15 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -26,7 +31,8 @@ const fs::path kRoot = kStage / "root";
 // Directories that are made anew instead of being layered.
 const std::set<fs::path> kFresh = {"/proc", "/sys", "/dev", "/run", "/tmp"};
 
-std::string g_failure = "EnterTestRoot was not called";
+// Why there is no test root, for the program that runs without it.
+constexpr char kFailureVariable[] = "ZU_TEST_ROOT_FAILURE";
 
 void Check(bool good, const std::string& what) {
   if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -190,17 +196,38 @@ void BuildRoot() {
 
 }  // namespace
 
-void EnterTestRoot() {
-  if (InTestRoot()) return;
-  try {
-    BuildRoot();
-  } catch (const std::exception& error) {
-    g_failure = error.what();
+void EnterTestRoot(char** argv) {
+  if (InTestRoot() || std::getenv(kFailureVariable) != nullptr) return;
+  const fs::path program = fs::read_symlink("/proc/self/exe");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+      BuildRoot();
+    } catch (const std::exception& error) {
+      ::setenv(kFailureVariable, error.what(), 1);
+    }
+    ::execv(program.c_str(), argv);
+    std::_Exit(127);
   }
+  int status = 0;
+  if (child < 0 ||
+      RetryOnInterrupt([&] { return ::waitpid(child, &status, 0); }) < 0) {
+    std::perror("cannot run in the test root");
+    std::_Exit(127);
+  }
+  if (WIFSIGNALED(status)) {
+    std::signal(WTERMSIG(status), SIG_DFL);
+    std::raise(WTERMSIG(status));
+  }
+  std::_Exit(WEXITSTATUS(status));
 }
 
 bool InTestRoot() { return ::access(kMarker, F_OK) == 0; }
 
-std::string RootFailure() { return g_failure; }
+std::string RootFailure() {
+  const char* const failure = std::getenv(kFailureVariable);
+  return failure != nullptr ? failure : "EnterTestRoot was not called";
+}
 
 }  // namespace zu::test

@@ -13,11 +13,16 @@ namespace zu::test {
 // /dev start empty (/dev with the usual devices, without /dev/log). Only the
 // build tree, /proc and /sys are the real ones.
 //
-// For the test main, before any thread exists. Uses root's rights, or else a
-// user namespace in which the process is root; there a file that somebody else
-// owns can be replaced or covered but not changed. On a machine that allows
-// neither nothing is changed, and RootFailure() says why.
-void EnterTestRoot();
+// For the start of the test main. Libraries may have started threads by then,
+// which must not be left outside, so a child without any enters the root and
+// runs the program anew; this process waits for it and exits as it did. Returns
+// in that second run only.
+//
+// Uses root's rights, or else a user namespace in which the process is root;
+// there a file that somebody else owns can be replaced or covered but not
+// changed. On a machine that allows neither nothing is changed, and
+// RootFailure() says why.
+void EnterTestRoot(char** argv);
 
 // Also true in a child that runs a program there.
 bool InTestRoot();
