@@ -18,6 +18,8 @@ set(ZU_ANCHORS_DIRECTORY "/etc/zuhelper/anchors" CACHE PATH
     "Linux: certificates (PEM or DER, one a file) in which chains may end")
 set(ZU_SOCKET_DIRECTORY "/run/zuhelper" CACHE PATH
     "Linux: directory of the server's socket")
+set(ZU_NOTIFICATION_DIRECTORY "/run/zuhelper-notify" CACHE PATH
+    "Linux: directory through which notifications travel")
 
 # PSEMNAMLEN on macOS is 31, terminator included.
 string(LENGTH "${ZU_VENDOR_PREFIX}.zuzuzu" zu_length)
@@ -35,7 +37,7 @@ if(zu_length GREATER 100)
 endif()
 foreach(zu_value VENDOR_PREFIX KEXT_VENDOR_PREFIX PARENT_EPP_PREFIX
         PARENT_GROUP_ID UI_AGENT_LABEL DEVELOPER_ID_NAME DEVELOPER_ID_TEAM
-        ANCHORS_DIRECTORY SOCKET_DIRECTORY)
+        ANCHORS_DIRECTORY SOCKET_DIRECTORY NOTIFICATION_DIRECTORY)
   if(NOT ZU_${zu_value} MATCHES "^[^\"\\]+$")
     message(FATAL_ERROR "ZU_${zu_value} must be non-empty and free of "
                         "quotes and backslashes")

@@ -1,6 +1,7 @@
 /*
  * An agent's host, reduced to what serving clients takes: it registers its
- * commands, starts the server, and stops it in good order on SIGTERM or SIGINT.
+ * commands, starts the server, tells the library's watchdog that it is alive,
+ * and stops in good order on SIGTERM or SIGINT.
  * Plain C99; only the installed header and the library are needed.
  *
  * Commands (a request is a JSON object whose "CMD_" names one):
@@ -12,6 +13,7 @@
 
 #include <ZuHelper.h>
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -135,12 +137,10 @@ static uint32_t Broadcast(char* buffer, uint32_t capacity, uint32_t* length) {
 }
 
 /*
- * Signals. Blocking them and calling sigwait, the usual way, does not work
- * here: the library starts a thread when it is loaded, before main can block
- * anything, and a signal goes to any thread that does not block it. So there is
- * a handler, on whatever thread it may run. It does only what a handler may
- * (write), and a thread of ours does the rest: ZuStopServer waits for the
- * callback that is running, which no handler must.
+ * Signals. The handler runs on whatever thread of ours takes the signal (the
+ * library's take none). It does only what a handler may (write), and a thread
+ * of ours does the rest: ZuStopServer waits for the callback that is running,
+ * which no handler must.
  */
 static void OnSignal(int number) {
   const int saved = errno;
@@ -149,11 +149,24 @@ static void OnSignal(int number) {
   errno = saved;
 }
 
+/*
+ * The same thread calls ZuDeadLockWatch, which every host has to do at least
+ * every 30 seconds or be terminated. That the thread runs is all that it proves
+ * here: a host with a main loop calls it from there, so that a loop that hangs
+ * is found out. ZuDeadLockStop does the same for the way out: a host that is
+ * not gone 15 seconds later, because a callback hangs, is killed.
+ */
 static void* StopOnSignal(void* unused) {
-  (void)unused;
+  static const int kReport_ms = 10000;
+  struct pollfd stop = {stop_pipe[0], POLLIN, 0};
   char byte = 0;
+  (void)unused;
+  do {
+    ZuDeadLockWatch();
+  } while (poll(&stop, 1, kReport_ms) <= 0);
   while (read(stop_pipe[0], &byte, 1) < 0 && errno == EINTR) continue;
   Say("signal %d, stopping", byte);
+  ZuDeadLockStop();
   ZuStopServer();
   Say("stopped");
   exit(0); /* Also runs the library's own clean-up. */

@@ -8,8 +8,9 @@
  * the caller. Functions named Zu... are the interface; the same functions
  * without the prefix are what they forward to, and may be called directly.
  *
- * Loading the library sets gOSVersion; unloading it or a normal exit releases
- * what it holds. A host that started the server calls ZuStopServer before that.
+ * Loading the library sets gOSVersion and starts the watchdog, which every host
+ * has to call (ZuDeadLockWatch); unloading it or a normal exit releases what it
+ * holds. A host that started the server calls ZuStopServer before that.
  */
 #ifndef ZU_HELPER_H_
 #define ZU_HELPER_H_
@@ -73,6 +74,7 @@ extern ZU_EXPORT void* sendQueue;
  *
  * The result is ignored. Callbacks run one at a time on the server's worker
  * thread; a slow one delays every client. A callback may call ZuStopServer.
+ * ("SERI" has another caller too: see ZuSetServerCallbackForCommand.)
  *
  * @param[in,out] buffer    request in, reply out; valid during the call only
  * @param[in]     capacity  bytes of text that `buffer` takes
@@ -85,6 +87,15 @@ typedef uint32_t (*ZuCommandCallback)(char* buffer, uint32_t capacity,
  * Registers the callback for requests whose "CMD_" is `command`. A command
  * registered again keeps only the newer callback. Works before and after
  * ZuStartServer; ZuStopServer forgets every registration.
+ *
+ * The callback of "SERI" is also called when the companion product asks for the
+ * gateway data with a system notification, from ZuStartServer on: with 2048
+ * bytes of which nothing is told, and a length of 0. It writes the data, a JSON
+ * array or object of at most 2047 bytes, and its length; a negative length
+ * stands for no data. The data go into a property list in the companion's
+ * container of every local user, and the companion is told. This call comes on
+ * the thread that delivers notifications, perhaps while another callback runs
+ * on the worker, and may still be under way when ZuStopServer returns.
  *
  * @return 0, or ZU_SERVER_REFUSED when an argument is NULL or memory is short
  */
@@ -330,6 +341,170 @@ ZU_EXPORT uint32_t ZuAuthenticodeGetModelBundleInfo(
     const char* path, int32_t checkRevocation, uint64_t* isSigned,
     uint32_t* isValid, char* issuerName, char* signerNameCopy, char* signerName,
     char* signingDate, char* thumbprintHex);
+
+/* ------------------------------------------------- watchdog and semaphore --
+ */
+
+/*
+ * A thread of the library, started when it is loaded, terminates a host that
+ * hangs or grows too large. About every 30 seconds it scores the host: 10 for
+ * each cycle in a row without a call of ZuDeadLockWatch, and 5 for each with
+ * more than 1280 MiB of resident and compressed (Linux: swapped) memory. When
+ * the sum has been 100 or more for three cycles in a row it sends the process
+ * SIGHUP; if it is still there and still unhealthy in the cycle after that,
+ * SIGTERM; and then SIGKILL. A host without any sign of life gets the SIGHUP
+ * after five and a half minutes. What is sent goes to the watchdog's thread,
+ * and the host's handlers for SIGHUP and SIGTERM then run there; it takes no
+ * other signals. A child that the host forks has no watchdog.
+ */
+
+/**
+ * Tells the watchdog that the host is alive; to be called at least every 30
+ * seconds, best where it proves something. One atomic operation without a lock:
+ * callable from any thread and from signal handlers, as often as one likes.
+ *
+ * @return 1 when there has been such a call since the watchdog last looked,
+ *         else 0
+ */
+ZU_EXPORT uint8_t ZuDeadLockWatch(void);
+ZU_EXPORT uint8_t watchdog_keepalive(void);
+
+/**
+ * Ends the watching for good, because the process is about to exit: if it has
+ * neither exited nor unloaded the library within 15 seconds, the watchdog kills
+ * it. Calling it again does not change that time. Does not block; callable from
+ * signal handlers.
+ * @return 0, or the platform's error number when the watchdog was not woken
+ */
+ZU_EXPORT uint32_t ZuDeadLockStop(void);
+ZU_EXPORT uint32_t watchdog_stop(void);
+
+/**
+ * Ends the watching for good; no exit is expected. Also takes a ZuDeadLockStop
+ * back while its 15 seconds run. Does not block; callable from signal handlers.
+ * @return as ZuDeadLockStop
+ */
+ZU_EXPORT uint32_t ZuDeadLockDisable(void);
+ZU_EXPORT uint32_t watchdog_disable(void);
+
+/**
+ * What the watchdog asks in each cycle. Not for hosts: every call counts as a
+ * cycle, and they are the watchdog's thread's alone.
+ * @return the score, 0 when healthy
+ */
+ZU_EXPORT uint32_t watchdog_memoryuse(void);
+ZU_EXPORT uint32_t watchdog_deadlock(void);
+
+/**
+ * Scores the processor time that the process has used since the last call: 10
+ * for each call in a row that finds more than 90 per cent of one processor, in
+ * whole seconds. The watchdog does not use it. One thread at a time.
+ * @return the score; 0 in the first call
+ */
+ZU_EXPORT uint32_t watchdog_cpuuse(void);
+
+/**
+ * Takes the mark that tells the whole system that one instance of the agent is
+ * running: a named semaphore, of which only the name is used. It goes when
+ * ZuUnlinkSemaphore is called, or when any process that has the library loaded
+ * unloads it or exits in the ordinary way.
+ *
+ * When this call made the mark, it also sets fatal_error_termination_handler
+ * for SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGQUIT, SIGTERM, SIGINT and SIGTSTP,
+ * also for those that the host had ignored; if there was one of these, SIGINT
+ * is ignored afterwards. Unloading gives signals that are still set to the
+ * handler their default action.
+ *
+ * @return 0; EEXIST when the mark is there already, or another errno value
+ */
+ZU_EXPORT uint32_t ZuOpenSemaphore(void);
+ZU_EXPORT uint32_t OpenSemaphore(void);
+
+/** Removes the mark, whoever made it. @return 0, or -1 with errno set */
+ZU_EXPORT int32_t ZuUnlinkSemaphore(void);
+ZU_EXPORT int32_t UnlinkSemaphore(void);
+
+/**
+ * A signal handler: removes the mark, then lets the signal have its default
+ * action, which ends the process (SIGTSTP stops it). Async-signal-safe.
+ */
+ZU_EXPORT void fatal_error_termination_handler(int signalNumber);
+
+/** Not 0 once fatal_error_termination_handler has been entered. */
+extern ZU_EXPORT volatile int32_t fatal_error_in_progress;
+
+/* --------------------------------------------------------- notifications --
+ */
+
+/**
+ * Posts the system-wide notification of that name, which tells every observer
+ * of it, in any process, that something has changed. Posts that come close
+ * together may reach an observer as one.
+ *
+ * @param name  the host's choice
+ * @return 0, with observers or without; else the platform's status number
+ *         (on Linux 1 for NULL, 1000000 when the notification directory cannot
+ *         be used)
+ */
+ZU_EXPORT uint32_t ZuSignalUI(const char* name);
+ZU_EXPORT uint32_t SignalUI(const char* name);
+
+/**
+ * Called when something about the machine's power has changed, on a thread of
+ * the system's (macOS) or of the library's (Linux; every notification waits
+ * while it runs). It may call every function below.
+ *
+ * @param unlimited  1 when power is unlimited at that time, else 0
+ */
+typedef void (*ZuPowerSourceCallback)(uint8_t unlimited);
+
+/**
+ * Has the callback called with each change from here on, and tells how things
+ * are. One callback is held at a time: while there is one, nothing is
+ * registered and only the state is told. Power is unlimited when it comes from
+ * outside or no battery of the system's is being discharged.
+ *
+ * When the registration fails the callback is held all the same, for good:
+ * nothing can be registered or unregistered from then on.
+ *
+ * @param      callback   may be NULL: then nobody is called, and it does not
+ *                        count as held
+ * @param[out] unlimited  one byte, 1 or 0; also set when the registration fails
+ * @return 1, also when a callback was held already; 0 when `unlimited` is NULL
+ *         or the registration fails
+ */
+ZU_EXPORT uint8_t ZuRegisterPowerSource(ZuPowerSourceCallback callback,
+                                        uint8_t* unlimited);
+ZU_EXPORT uint8_t RegisterPowerSource(ZuPowerSourceCallback callback,
+                                      uint8_t* unlimited);
+
+/** Gives up a registration that succeeded, if there is one. The callback may
+ *  be called once more after that. */
+ZU_EXPORT void ZuUnRegisterPowerSource(void);
+ZU_EXPORT void UnRegisterPowerSource(void);
+
+/** Called when the network's configuration has changed, as the callback above.
+ *  One change of an interface may give several calls. */
+typedef void (*ZuAddressChangeCallback)(void);
+
+/** The network callback that is held; NULL when none is. For hosts to read. */
+extern ZU_EXPORT ZuAddressChangeCallback gAddressChangeFunc;
+
+/**
+ * Has the callback called with each change of the network. A failed
+ * registration leaves it held, as above. Calls of ZuRegisterAddressChange wait
+ * for each other; the rest takes no lock.
+ *
+ * @param callback  not NULL
+ * @return 1; 0 when one is held already, `callback` is NULL or the registration
+ *         fails, which is logged
+ */
+ZU_EXPORT uint32_t ZuRegisterAddressChange(ZuAddressChangeCallback callback);
+ZU_EXPORT uint8_t RegisterAddressChangeFunc(ZuAddressChangeCallback callback);
+
+/** As ZuUnRegisterPowerSource, for the network. */
+ZU_EXPORT void ZuUnRegisterAddressChange(void);
+ZU_EXPORT void UnRegisterAddressChange(void);
 
 /* --------------------------------------------------------- UTF-16 strings --
  */

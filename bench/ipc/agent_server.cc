@@ -2,6 +2,7 @@
 // work counts: admission of each client, the hand-over to the worker thread,
 // the JSON text, the callback.
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include "ZuHelper.h"
 #include "build_values.h"
 #include "peer.h"
-#include "support/file_descriptor.h"
 
 namespace zu::bench {
 namespace {
@@ -37,10 +37,14 @@ bool Serve(const std::string& /*address*/, const ReportReady& report_ready) {
     return false;
   }
   report_ready();
+  // Until the benchmark closes its end; the watchdog wants to hear from us in
+  // the meantime.
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
   char ignored;
-  while (RetryOnInterrupt([&] { return ::read(STDIN_FILENO, &ignored, 1); }) >
-         0) {
-  }
+  do {
+    ZuDeadLockWatch();
+  } while (::poll(&input, 1, 10000) <= 0 ||
+           ::read(STDIN_FILENO, &ignored, 1) > 0);
   ZuStopServer();
   return true;
 }

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -16,6 +15,7 @@
 
 #include "harness.h"
 #include "program.h"
+#include "scratch_directory.h"
 
 namespace zu::bench {
 namespace {
@@ -84,27 +84,6 @@ constexpr RatioGoal kRatioGoals[] = {
      RatioGoal::kRateRatio, 1.7, 2, 2},
 };
 constexpr double kAdmissionLimitUs = 1000;
-
-// A directory for the peers' sockets, removed with all in it.
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::error_code error;
-    std::string pattern =
-        std::filesystem::temp_directory_path(error) / "zu_bench.XXXXXX";
-    if (!error && ::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  [[nodiscard]] const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 class IpcBench {
  public:

@@ -40,6 +40,10 @@ struct Command {
     // One new connection after the other exchanges one body of `size` bytes,
     // for `duration_ns`. The time from connecting to the reply counts.
     kConnect,
+    // As many connections as `clients` take one message of `size` bytes each;
+    // 0 only connects those that are missing. For the receivers of
+    // bench/broadcast, who answer with one exchange.
+    kReceive,
   };
   Kind kind = Kind::kEcho;
   uint64_t clients = 1;

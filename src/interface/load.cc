@@ -5,7 +5,9 @@
 
 #include "ZuHelper.h"
 #include "interface/locks.h"
+#include "platform/notification.h"
 #include "platform/os_version.h"
+#include "server/semaphore.h"
 #include "server/server.h"
 #include "support/child_reaper.h"
 #include "watchdog/watchdog.h"
@@ -35,9 +37,12 @@ void InitializePlatform() {
 
 void FinalizePlatform() {
   server::LeaveServer();
+  platform::StopNotifications();
   StopChildReaper();
   ::pthread_mutex_destroy(&g_cert_mutex);
   ::pthread_mutex_destroy(&g_IP_timer_mutex);
+  server::LeaveSemaphore();
+  UnRegisterPowerSource();
 }
 
 // A forked child shares what its parent still uses (the named semaphore, the

@@ -5,9 +5,11 @@
 #include "ZuHelper.h"
 #include "build_values.h"
 #include "platform/ipc.h"
+#include "platform/notification.h"
 #include "server/client_list.h"
 #include "server/command_table.h"
 #include "server/dispatch.h"
+#include "server/gateway_share.h"
 #include "server/listener.h"
 #include "server/server.h"
 #include "server/server_state.h"
@@ -60,6 +62,8 @@ void Start() {
     LogError("ZuHelperOSX.StartServer: xpc worker thread creation failed");
   }
   platform::ResumeListener(*g_server._serverConn);
+  // Stays when the server stops; without a command table it answers nobody.
+  platform::ObserveNotification(kGatewayRequest, &GatewaySerialNumberRequest);
 }
 
 // Takes the listener and the queue from the server, whatever is there.

@@ -6,12 +6,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <exception>
 #include <mutex>
 #include <new>
 #include <thread>
 #include <vector>
+
+#include "support/signal_mask.h"
 
 namespace zu {
 namespace {
@@ -81,16 +82,12 @@ void ReapPending(State& state) {
 void StartThread(State& state) {
   // One that has left its loop may still be on its way out.
   if (state.thread.joinable()) state.thread.join();
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  const SignalMask mask = SignalMask::AllBlocked();
   try {
     state.thread = std::thread(ReapPending, std::ref(state));
     state.running = true;
   } catch (const std::exception&) {
   }
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace

@@ -25,6 +25,13 @@ constexpr Subcommand kSubcommands[] = {
      "Prints each broadcast on a line of its own: N of them, or until the\n"
      "server ends or --timeout has passed since the start.\n",
      RunListen},
+    {"notify", "", 1, 1, "NAME",
+     "Posts the system-wide notification NAME. No server is needed.\n",
+     RunNotify},
+    {"wait", "tn", 1, 1, "[--count N] NAME",
+     "Waits until the notification NAME has come, or N times; posts that come\n"
+     "close together may count as one. No server is needed.\n",
+     RunWait},
 };
 
 constexpr char kOptionsHelp[] =
@@ -34,7 +41,8 @@ constexpr char kOptionsHelp[] =
 
 constexpr char kExitHelp[] =
     "Exit status:\n"
-    "  0  done: the reply, whatever it says, or the broadcasts were printed\n"
+    "  0  done: the reply, whatever it says, or the broadcasts were printed;\n"
+    "     the notification was posted, or came\n"
     "  1  something failed on this side, such as reading FILE\n"
     "  2  the command line or the JSON text is wrong; nothing was sent\n"
     "  3  no server is running\n"

@@ -42,6 +42,8 @@ struct Subcommand {
 
 Exit RunRequest(const Options& options);
 Exit RunListen(const Options& options);
+Exit RunNotify(const Options& options);
+Exit RunWait(const Options& options);
 
 // Says on standard error what went wrong, and gives the exit status for it.
 Exit Fail(Exit exit, std::string_view what, std::string_view why);

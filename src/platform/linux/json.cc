@@ -1,8 +1,12 @@
 #include "platform/json.h"
 
 #include <simdjson.h>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
+#include <system_error>
 
+#include "platform/linux/json_document.h"
 #include "platform/linux/json_numbers.h"
 
 namespace zu::platform {
@@ -13,11 +17,17 @@ constexpr size_t kMaxDepth = 513;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Whether 64 bits hold the number, signed or unsigned.
+bool Fits64Bits(std::string_view digits, bool negative) {
+  uint64_t value = 0;
+  const auto [end, error] =
+      std::from_chars(digits.data(), digits.data() + digits.size(), value);
+  return error == std::errc() && (!negative || value <= uint64_t{1} << 63);
+}
+
 }  // namespace
 
 std::string WidenIntegers(std::string_view text) {
-  // Every integer of 18 digits fits 64 bits, with a sign too.
-  constexpr size_t kSafeDigits = 18;
   std::string wide;
   wide.reserve(text.size() + 64);
   bool in_string = false;
@@ -41,12 +51,39 @@ std::string WidenIntegers(std::string_view text) {
                std::strchr("0123456789.eE+-", text[i + 1]) != nullptr) {
           wide.push_back(text[++i]);
         }
-      } else if (i + 1 - first > kSafeDigits) {
+      } else if (!Fits64Bits(text.substr(first, i + 1 - first),
+                             first > 0 && text[first - 1] == '-')) {
         wide.append(".0");
       }
     }
   }
   return wide;
+}
+
+std::optional<simdjson::dom::element> ParseDocument(
+    simdjson::dom::parser& parser, const char* text, size_t size,
+    size_t readable) {
+  static_assert(kJsonTail >= simdjson::SIMDJSON_PADDING);
+  // The capacity is set apart because the depth goes with it, and only ever
+  // grows, so that texts of changing sizes do not allocate each time.
+  const size_t capacity = parser.capacity() > size ? parser.capacity() : size;
+  if (parser.max_depth() != kMaxDepth || parser.capacity() < size) {
+    if (parser.allocate(capacity, kMaxDepth) != simdjson::SUCCESS) {
+      return std::nullopt;
+    }
+  }
+  const bool copy = readable - size < simdjson::SIMDJSON_PADDING;
+  auto result = parser.parse(text, size, copy);
+  if (result.error() == simdjson::NUMBER_ERROR) {
+    // Either no number at all, or an integer beyond 64 bits, which is one.
+    const std::string wide = WidenIntegers({text, size});
+    if (wide.size() == size) return std::nullopt;
+    result = parser.parse(wide);
+  }
+  simdjson::dom::element root;
+  if (result.get(root) != simdjson::SUCCESS) return std::nullopt;
+  if (!root.is_object() && !root.is_array()) return std::nullopt;
+  return root;
 }
 
 struct JsonReader::State {
@@ -58,24 +95,9 @@ JsonReader::JsonReader() : state_(std::make_unique<State>()) {}
 JsonReader::~JsonReader() = default;
 
 bool JsonReader::Parse(const char* text, size_t size, size_t readable) {
-  static_assert(kJsonTail >= simdjson::SIMDJSON_PADDING);
-  simdjson::dom::parser& parser = state_->parser;
-  // The capacity is set apart because the depth goes with it, and only ever
-  // grows, so that texts of changing sizes do not allocate each time.
-  const size_t capacity = parser.capacity() > size ? parser.capacity() : size;
-  if (parser.max_depth() != kMaxDepth || parser.capacity() < size) {
-    if (parser.allocate(capacity, kMaxDepth) != simdjson::SUCCESS) return false;
-  }
-  const bool copy = readable - size < simdjson::SIMDJSON_PADDING;
-  auto result = parser.parse(text, size, copy);
-  if (result.error() == simdjson::NUMBER_ERROR) {
-    // Either no number at all, or an integer beyond 64 bits, which is one.
-    const std::string wide = WidenIntegers({text, size});
-    if (wide.size() == size) return false;
-    result = parser.parse(wide);
-  }
-  if (result.get(state_->root) != simdjson::SUCCESS) return false;
-  return state_->root.is_object() || state_->root.is_array();
+  const auto root = ParseDocument(state_->parser, text, size, readable);
+  if (root) state_->root = *root;
+  return root.has_value();
 }
 
 std::optional<std::string> JsonReader::StringMember(

@@ -7,7 +7,7 @@
 
 namespace zu::platform {
 
-// Gives every integer of more than 18 digits outside strings a ".0", which
+// Gives every integer outside strings that 64 bits do not hold a ".0", which
 // makes the parser read it as a floating-point number instead of refusing it.
 // Text that is not JSON stays not JSON; nothing else is changed.
 std::string WidenIntegers(std::string_view text);

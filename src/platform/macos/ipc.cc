@@ -4,7 +4,6 @@
 #include "platform/ipc.h"
 
 #include <dispatch/dispatch.h>
-#include <dlfcn.h>
 #include <xpc/xpc.h>
 
 #include <condition_variable>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "platform/macos/ipc_wire.h"
+#include "platform/macos/stay_loaded.h"
 #include "support/guarded.h"
 #include "support/never_destroyed.h"
 #include "support/scoped_handle.h"
@@ -161,15 +161,6 @@ void Accept(const IpcListenerHandler& handler, xpc_object_t object) {
     const std::shared_lock lock(g_gate);
     if (!g_stopped) handler(connection);
   });
-}
-
-// libdispatch may run a block of ours as long as the process lives, so its code
-// must stay in place that long. The handle is never closed.
-void StayLoaded() {
-  Dl_info image;
-  if (::dladdr(reinterpret_cast<const void*>(&StayLoaded), &image) != 0) {
-    ::dlopen(image.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
-  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #import <Foundation/Foundation.h>
 
+#include "platform/macos/json_document.h"
 #include "platform/macos/scoped_refs.h"
 
 #if __has_feature(objc_arc)
@@ -12,10 +13,8 @@
 #endif
 
 namespace zu::platform {
-namespace {
 
-// The parser's result; nil for anything but an array or an object, which is
-// what it accepts without options.
+// Arrays and objects are what the parser accepts without options.
 id ParseDocument(const char* text, size_t size) {
   // The data object only reads, and is gone before the text is.
   NSData* const data = [NSData dataWithBytesNoCopy:const_cast<char*>(text)
@@ -27,8 +26,6 @@ id ParseDocument(const char* text, size_t size) {
     return nil;
   }
 }
-
-}  // namespace
 
 struct JsonReader::State {
   ScopedCf<CFDictionaryRef> object;  // The text's, when that was its top.

@@ -1,9 +1,9 @@
 #include "platform/linux/ipc/thread.h"
 
-#include <csignal>
 #include <memory>
 
 #include "support/guarded.h"
+#include "support/signal_mask.h"
 
 namespace zu::platform {
 namespace {
@@ -20,14 +20,13 @@ void* Run(void* argument) {
 std::optional<pthread_t> StartThread(const char* name,
                                      std::function<void()> body) {
   auto argument = std::make_unique<std::function<void()>>(std::move(body));
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
   pthread_t thread{};
-  const int error = ::pthread_create(&thread, nullptr, &Run, argument.get());
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  if (error != 0) return std::nullopt;
+  {
+    const SignalMask mask = SignalMask::AllBlocked();
+    if (::pthread_create(&thread, nullptr, &Run, argument.get()) != 0) {
+      return std::nullopt;
+    }
+  }
   (void)argument.release();  // The thread's now.
   ::pthread_setname_np(thread, name);
   return thread;

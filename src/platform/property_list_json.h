@@ -1,6 +1,6 @@
-// The platform's property lists.
-#ifndef ZU_PLATFORM_PROPERTY_LIST_H_
-#define ZU_PLATFORM_PROPERTY_LIST_H_
+// The platform's property lists, made of JSON.
+#ifndef ZU_PLATFORM_PROPERTY_LIST_JSON_H_
+#define ZU_PLATFORM_PROPERTY_LIST_JSON_H_
 
 #include <optional>
 #include <string>
@@ -15,4 +15,4 @@ std::optional<std::string> PropertyListFromJson(std::string_view json);
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_PROPERTY_LIST_H_
+#endif  // ZU_PLATFORM_PROPERTY_LIST_JSON_H_

@@ -1,0 +1,285 @@
+// Posting and observing, and what the machine's power supplies mean.
+
+#include "platform/notification.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "build_values.h"
+#include "platform/linux/notification/post_directory.h"
+#include "platform/linux/notification/power_supply.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_tool.h"
+#include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
+
+namespace zu::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Arguments;
+using test::WaitUntil;
+
+const fs::path kDirectory = ZU_NOTIFICATION_DIRECTORY;
+constexpr uint32_t kFailed = 1000000;
+
+class Observer {
+ public:
+  explicit Observer(std::string name) : name_(std::move(name)) {
+    EXPECT_TRUE(RegisterNotification(name_.c_str(), token_,
+                                     [calls = calls_] { ++*calls; }));
+  }
+  ~Observer() { CancelNotification(token_); }
+  Observer(const Observer&) = delete;
+  Observer& operator=(const Observer&) = delete;
+
+  int calls() const { return *calls_; }
+  // Whether one post is one call or more.
+  bool SeesAPost() const {
+    const int before = calls();
+    return PostNotification(name_.c_str()) == 0 &&
+           WaitUntil([&] { return calls() > before; });
+  }
+
+ private:
+  const std::string name_;
+  // The last call may come after the end.
+  const std::shared_ptr<std::atomic<int>> calls_ =
+      std::make_shared<std::atomic<int>>(0);
+  int32_t token_ = kNoNotificationToken;
+};
+
+using NotificationTest = test::RootedTest;
+
+TEST_F(NotificationTest, ReachesObserversOfThatNameOnly) {
+  const std::string longest(300, '/');
+  std::vector<std::unique_ptr<Observer>> observers;
+  for (const std::string& name : std::vector<std::string>{
+           "com.example", "com.Example", "com", "", ".", "..", "a/b", "a%2Fb",
+           "a~b", "a", "\xC3\xBC\n", longest + "a", longest + "b", longest}) {
+    observers.push_back(std::make_unique<Observer>(name));
+  }
+  const Observer twin("com.example");
+  for (size_t i = 0; i < observers.size(); ++i) {
+    EXPECT_TRUE(observers[i]->SeesAPost()) << i;
+  }
+  EXPECT_TRUE(Observer("last").SeesAPost());
+  for (const auto& observer : observers) EXPECT_EQ(observer->calls(), 1);
+  EXPECT_EQ(twin.calls(), 1);
+}
+
+// What others do to the directory neither misleads a post nor stops it, and
+// posts leave nothing behind.
+TEST_F(NotificationTest, GetsThroughWhateverTheDirectoryHolds) {
+  test::WriteFile("/run/victim", "text");
+  const fs::path entry = kDirectory / PostStem("a name");
+  const fs::path random = entry.string() + "~0123456789abcdef";
+  const mode_t umask = ::umask(077);
+  const struct {
+    const char* what;
+    std::function<void()> prepare;
+    int left;
+  } kRows[] = {
+      {"missing", [] { fs::remove_all(kDirectory); }, 0},
+      {"links",
+       [&] {
+         fs::create_symlink("/run/victim", entry);
+         fs::create_hard_link("/run/victim", random);
+       },
+       2},
+      {"pipe and directory",
+       [&] {
+         ASSERT_EQ(::mkfifo(entry.c_str(), 0600), 0);
+         fs::create_directory(random);
+       },
+       2},
+      {"made anew",
+       [] {
+         fs::create_directory(kDirectory);
+         fs::permissions(kDirectory, fs::perms(01777));
+       },
+       0},
+      {"moved away", [] { fs::rename(kDirectory, "/run/moved"); }, 0},
+  };
+  const Observer observer("a name");
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.what);
+    if (row.left > 0 || fs::exists(entry)) fs::remove_all(kDirectory);
+    EXPECT_TRUE(observer.SeesAPost());  // Makes it, too.
+    if (std::string_view(row.what) == "made anew") fs::remove_all(kDirectory);
+    row.prepare();
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(observer.SeesAPost());
+    struct stat status {};
+    ASSERT_EQ(::stat(kDirectory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 01777u);
+    EXPECT_TRUE(WaitUntil([&] {
+      return std::distance(fs::directory_iterator(kDirectory), {}) == row.left;
+    }));
+  }
+  ::umask(umask);
+  EXPECT_EQ(test::ReadFile("/run/victim"), "text");
+}
+
+const test::ChildScenario kPostsAsNobody("PostsAsNobody", [](const Arguments&) {
+  constexpr uid_t kNobody = 65534;
+  if (::setresuid(kNobody, kNobody, kNobody) != 0) return 77;
+  return PostNotification("a name") == 0 ? 0 : 3;
+});
+
+TEST_F(NotificationTest, TellsWhenItCannotPost) {
+  EXPECT_EQ(PostNotification(nullptr), 1u);
+  fs::remove_all(kDirectory);
+  test::WriteFile(kDirectory, "text");
+  EXPECT_EQ(PostNotification("a name"), kFailed);
+  EXPECT_EQ(test::ReadFile(kDirectory), "text");
+  fs::remove(kDirectory);
+  fs::create_directory("/run/elsewhere");
+  fs::create_symlink("/run/elsewhere", kDirectory);
+  EXPECT_EQ(PostNotification("a name"), kFailed);
+  fs::remove(kDirectory);
+
+  const int status = test::RunInChild(kPostsAsNobody).status;
+  if (status == 77) return;  // A user namespace with one user only.
+  EXPECT_EQ(status, 3);      // Only root can make the directory in /run.
+  const Observer observer("a name");
+  EXPECT_EQ(test::RunInChild(kPostsAsNobody).status, 0);
+  EXPECT_TRUE(WaitUntil([&] { return observer.calls() > 0; }));
+}
+
+// The kernel drops what comes when its queue of 16,384 is full.
+TEST_F(NotificationTest, LosesNoNameInAFlood) {
+  std::atomic<bool> busy{false};
+  std::atomic<bool> open{false};
+  int32_t token = kNoNotificationToken;
+  ASSERT_TRUE(RegisterNotification("gate", token, [&] {
+    busy = true;
+    open.wait(false);
+  }));
+  const Observer late("late");
+  ASSERT_EQ(PostNotification("gate"), 0u);
+  ASSERT_TRUE(WaitUntil([&] { return busy.load(); }));
+  for (int i = 0; i < 17000; ++i) ASSERT_EQ(PostNotification("other"), 0u);
+  ASSERT_EQ(PostNotification("late"), 0u);
+  open = true;
+  open.notify_all();
+  EXPECT_TRUE(WaitUntil([&] { return late.calls() > 0; }));
+  EXPECT_TRUE(late.SeesAPost());
+  CancelNotification(token);
+  EXPECT_TRUE(late.SeesAPost());  // The gate's handler is not running any more.
+}
+
+// Registrations come and go on several threads while others post.
+TEST_F(NotificationTest, LosesNothingUnderLoad) {
+  std::atomic<bool> done{false};
+  std::vector<std::thread> posters;
+  for (const char* name : {"0", "1"}) {
+    posters.emplace_back([name, &done] {
+      while (!done) EXPECT_EQ(PostNotification(name), 0u);
+    });
+  }
+  std::vector<std::thread> registrars;
+  for (int thread = 0; thread < 3; ++thread) {
+    registrars.emplace_back([thread] {
+      for (int i = 0; i < 200; ++i) {
+        EXPECT_TRUE(Observer(std::to_string((i + thread) % 3)).SeesAPost());
+      }
+    });
+  }
+  for (std::thread& thread : registrars) thread.join();
+  done = true;
+  for (std::thread& thread : posters) thread.join();
+}
+
+// Once the stop has returned nothing runs or starts; a forked child, which has
+// no thread of ours, is told so and ends without waiting for anything.
+const test::ChildScenario kStops("Stops", [](const Arguments&) {
+  static std::atomic<int> running{0};
+  static std::atomic<int> observed{0};
+  int32_t token = kNoNotificationToken;
+  EXPECT_TRUE(RegisterNotification("a name", token, [] {
+    ++running;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    --running;
+  }));
+  ObserveNotification("a name", [] { ++observed; });
+  ObserveNotification("a name", [] { observed = 1000; });
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool registered = RegisterNotification("a name", token, [] {});
+    CancelNotification(token);
+    StopNotifications();
+    ::_exit(PostNotification("a name") != 0 || registered ? 1 : 0);
+  }
+  EXPECT_TRUE(WaitUntil([] { return observed > 0; }));  // The child's post.
+  EXPECT_EQ(PostNotification("a name"), 0u);
+  EXPECT_TRUE(WaitUntil([] { return running > 0; }));
+  StopNotifications();
+  EXPECT_EQ(running, 0);
+  const int before = observed;
+  EXPECT_FALSE(RegisterNotification("a name", token, [] {}));
+  EXPECT_EQ(PostNotification("a name"), 0u);
+  EXPECT_EQ(observed, before);
+  EXPECT_LE(before, 2);
+  int status = -1;
+  EXPECT_TRUE(WaitUntil([&] { return ::waitpid(child, &status, WNOHANG); }));
+  return status;
+});
+
+TEST_F(NotificationTest, EndsWhenItIsStopped) {
+  const test::ChildResult result = test::RunInChild(kStops);
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(PowerSupplyTest, GivesTheTimeThatRemains) {
+  const PowerSupply plugged{.type = "Mains", .online = "1"};
+  const PowerSupply unplugged{.type = "Mains", .online = "0"};
+  const PowerSupply charger{.type = "USB", .online = "2"};
+  const PowerSupply phone{.type = "USB", .scope = "Device", .online = "1"};
+  const PowerSupply mouse{
+      .type = "Battery", .scope = "Device", .status = "Discharging"};
+  const PowerSupply idle{.type = "Battery",
+                         .scope = "System",
+                         .present = "1",
+                         .status = "Not charging",
+                         .energy_now = "10000000"};
+  const PowerSupply used{.type = "Battery",
+                         .status = "Discharging",
+                         .energy_now = "20000000",
+                         .power_now = "10000000"};
+  const PowerSupply charge{.type = "Battery",
+                           .status = "Discharging",
+                           .charge_now = "3000000",
+                           .current_now = "-1000000"};
+  const PowerSupply silent{.type = "UPS", .status = "Discharging"};
+  PowerSupply empty_bay = used;
+  empty_bay.present = "0";
+  const struct {
+    const char* what;
+    std::vector<PowerSupply> supplies;
+    double seconds;
+  } kRows[] = {
+      {"no supplies", {}, -2},
+      {"mains", {used, plugged}, -2},
+      {"charger", {unplugged, charger, used}, -2},
+      {"mains without a battery", {unplugged, phone, mouse}, -2},
+      {"battery that is not used", {unplugged, idle, empty_bay}, -2},
+      {"battery", {unplugged, mouse, phone, used}, 7200},
+      {"the second of two", {unplugged, idle, used}, 10800},
+      {"charge", {charge}, 10800},
+      {"nothing is known", {silent}, -1},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ(EstimateTimeRemaining_s(row.supplies), row.seconds) << row.what;
+  }
+}
+
+}  // namespace
+}  // namespace zu::platform

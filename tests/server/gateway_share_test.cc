@@ -1,0 +1,241 @@
+// The companion product's request, over the core's own functions.
+
+#include "server/gateway_share.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/notification.h"
+#include "platform/property_list_json.h"
+#include "server/command_table.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_tool.h"
+#include "tests/support/system_log.h"
+#include "tests/support/test_root.h"
+
+namespace zu::server {
+namespace {
+
+namespace fs = std::filesystem;
+using test::ReadFile;
+using test::WaitUntil;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+#define ZU_GATEWAY "ZuHelperOSX.GatewaySerialNumberRequest "
+constexpr char kReceived[] =
+    ZU_GATEWAY "Received incoming request, " ZU_PARENT_EPP_PREFIX
+               ".gatewayshare.venueid.request\n";
+constexpr char kNoTable[] =
+    ZU_GATEWAY "No uiCmdMap for request " ZU_PARENT_EPP_PREFIX
+               ".gatewayshare.venueid.request\n";
+constexpr char kNoCallback[] =
+    ZU_GATEWAY "No callback set for request " ZU_PARENT_EPP_PREFIX
+               ".gatewayshare.venueid.request\n";
+constexpr char kJson[] = "{\"serial\":\"Z-1\"}";
+
+fs::path FileOf(const std::string& user) {
+  return fs::path("/Users") / user / "Library/Group Containers" /
+         ZU_PARENT_GROUP_ID / "Library/VenueId.dat";
+}
+std::string Saved(const std::string& user) {
+  return ZU_GATEWAY "Saved data to file, " + FileOf(user).string() + "\n";
+}
+auto CountFiles(const std::string& user) {
+  return std::distance(fs::directory_iterator(FileOf(user).parent_path()), {});
+}
+
+// What the host answers.
+std::string g_answer;
+int32_t g_length;
+uint32_t Answer(char* buffer, uint32_t capacity, uint32_t* length) {
+  EXPECT_EQ(capacity, 2048u);
+  EXPECT_EQ(*length, 0u);
+  g_answer.copy(buffer, capacity);
+  *length = static_cast<uint32_t>(g_length);
+  return 0;
+}
+
+// Counted on the thread of notifications.
+std::atomic<int> g_responses = 0;
+std::atomic<int> g_marks = 0;
+bool CountResponses() {
+  int32_t token = 0;
+  return platform::RegisterNotification(kGatewayResponse, token,
+                                        [] { ++g_responses; }) &&
+         platform::RegisterNotification("zu.mark", token, [] { ++g_marks; });
+}
+// What was posted before has been delivered then.
+void AwaitDelivery() {
+  const int marks = g_marks;
+  EXPECT_EQ(platform::PostNotification("zu.mark"), 0u);
+  EXPECT_TRUE(WaitUntil([&] { return g_marks != marks; }));
+}
+
+class GatewayShareTest : public test::RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    if (IsSkipped()) return;
+    static const bool counting = CountResponses();
+    EXPECT_TRUE(counting);
+    fs::remove_all("/Users");
+    fs::remove_all("/elsewhere");
+    fs::create_directories(FileOf("ann").parent_path());
+    SetAnswer(kJson, sizeof kJson - 1);
+  }
+
+  static void SetAnswer(const std::string& answer, int32_t length) {
+    g_answer = answer;
+    g_length = length;
+    uiCmdMap.Set("SERI", &Answer);
+  }
+
+  // The lines of one request.
+  std::vector<std::string> Request() {
+    const int responses = g_responses;
+    GatewaySerialNumberRequest();
+    AwaitDelivery();
+    responded_ = g_responses != responses;
+    return log_.Take();
+  }
+
+  test::SystemLog log_;
+  bool responded_ = false;
+};
+
+TEST_F(GatewayShareTest, AnswersByTheTable) {
+  const std::string longest = "[\"" + std::string(2043, 'x') + "\"]";
+  const struct {
+    std::string answer;
+    int32_t length;
+    bool written;
+  } rows[] = {
+      {kJson, 16, true},     {kJson, 15, false},
+      {longest, 2047, true}, {longest + " ", 2048, false},
+      {"[null]", 6, false},  {"", 0, false},
+      {kJson, -1, false},    {kJson, INT32_MIN, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.length);
+    fs::remove(FileOf("ann"));
+    SetAnswer(row.answer, row.length);
+    const bool fits = row.length < 2048;
+    EXPECT_THAT(
+        Request(),
+        ElementsAre(kReceived, fits ? Saved("ann")
+                                    : ZU_GATEWAY
+                                   "actual message length too big, 2048\n"));
+    EXPECT_EQ(responded_, fits);
+    EXPECT_EQ(fs::exists(FileOf("ann")), row.written);
+  }
+}
+
+TEST_F(GatewayShareTest, NeedsACallbackAndUsers) {
+  uiCmdMap.Release();
+  EXPECT_THAT(Request(), ElementsAre(kReceived, kNoTable));
+  EXPECT_FALSE(responded_);
+  uiCmdMap.Create();
+  EXPECT_THAT(Request(), ElementsAre(kReceived, kNoCallback));
+  EXPECT_FALSE(responded_);
+  uiCmdMap.Set("SERI", nullptr);
+  EXPECT_THAT(Request(), ElementsAre(kReceived, Saved("ann")));
+  EXPECT_TRUE(responded_);
+  fs::remove_all("/Users");
+  EXPECT_THAT(Request(), ElementsAre(kReceived, ZU_GATEWAY
+                                     "Error opening the Users directory, 2\n"));
+  EXPECT_TRUE(responded_);
+}
+
+// Everybody with a container gets a file of their own, whatever was there.
+TEST_F(GatewayShareTest, WritesForEveryUser) {
+  for (const char* user : {"Share", "shared", "SharedToo", ".dot"}) {
+    fs::create_directories(FileOf(user).parent_path());
+  }
+  fs::create_directories(FileOf("bob"));  // In the file's own place.
+  fs::create_directories("/Users/newcomer/Library");
+  WriteFile("/elsewhere/secret", "secret");
+  fs::create_symlink("/elsewhere/secret", FileOf("ann"));
+  fs::create_hard_link("/elsewhere/secret", FileOf("shared"));
+  // Not possible in every test root; then it stays ours.
+  [[maybe_unused]] const int owned =
+      ::chown(FileOf("Share").parent_path().c_str(), 1234, 2345);
+  EXPECT_THAT(Request(),
+              UnorderedElementsAre(kReceived, Saved("ann"), Saved("bob"),
+                                   Saved("Share"), Saved("shared")));
+  for (const char* user : {"ann", "Share", "shared"}) {
+    SCOPED_TRACE(user);
+    EXPECT_EQ(ReadFile(FileOf(user)), platform::PropertyListFromJson(kJson));
+    struct stat file {
+    }, directory{};
+    ::lstat(FileOf(user).c_str(), &file);
+    ::stat(FileOf(user).parent_path().c_str(), &directory);
+    EXPECT_EQ(file.st_mode, static_cast<mode_t>(S_IFREG | 0600));
+    EXPECT_EQ(file.st_uid, directory.st_uid);
+    EXPECT_EQ(file.st_gid, directory.st_gid);
+    EXPECT_EQ(CountFiles(user), 1);
+  }
+  EXPECT_EQ(CountFiles("bob"), 1);
+  EXPECT_EQ(CountFiles("SharedToo") + CountFiles(".dot"), 0);
+  EXPECT_EQ(ReadFile("/elsewhere/secret"), "secret");
+}
+
+// A link in any place of the way ends nowhere but in the log.
+TEST_F(GatewayShareTest, FollowsNoLink) {
+  const fs::path directory = FileOf("ann").parent_path();
+  for (fs::path place = directory; place != "/Users";
+       place = place.parent_path()) {
+    SCOPED_TRACE(place);
+    fs::rename(place, "/real");
+    fs::create_symlink("/real", place);
+    EXPECT_THAT(Request(), ElementsAre(kReceived, Saved("ann")));
+    EXPECT_EQ(CountFiles("ann"), 0);
+    fs::remove(place);
+    fs::rename("/real", place);
+  }
+}
+
+// A full disk changes nothing: neither the older file nor what is around it.
+TEST_F(GatewayShareTest, FailsWithoutATrace) {
+  WriteFile(FileOf("ann"), "older", 0640);
+  rlimit limit{};
+  ::getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit small{10, limit.rlim_max};
+  ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_THAT(Request(), ElementsAre(kReceived, Saved("ann")));
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(ReadFile(FileOf("ann")), "older");
+  EXPECT_EQ(fs::status(FileOf("ann")).permissions(), fs::perms{0640});
+  EXPECT_EQ(CountFiles("ann"), 1);
+}
+
+// The server's own observer; it stays after the stop and has nobody to ask.
+const test::ChildScenario kObserves("Observes", [](const test::Arguments&) {
+  StartServer();
+  uiCmdMap.Set("SERI", nullptr);
+  EXPECT_TRUE(CountResponses());
+  platform::PostNotification(kGatewayRequest);
+  EXPECT_TRUE(WaitUntil([] { return g_responses == 1; }));
+  StopServer();
+  platform::PostNotification(kGatewayRequest);
+  AwaitDelivery();
+  EXPECT_EQ(g_responses, 1);
+  return 0;
+});
+TEST_F(GatewayShareTest, IsObservedByTheServer) {
+  const test::ChildResult result = test::RunInChild(kObserves);
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_TRUE(log_.WaitForLine(kNoTable));
+}
+
+}  // namespace
+}  // namespace zu::server

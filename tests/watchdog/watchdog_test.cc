@@ -1,0 +1,336 @@
+// The watchdog on a clock that stands still but for the watchdog's own sleeps,
+// so that minutes pass in an instant, and the mark of a running instance.
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "ZuHelper.h"
+#include "build_values.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_tool.h"
+#include "tests/support/loaded_library.h"
+#include "tests/support/process_state.h"
+#include "tests/support/system_log.h"
+#include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+using zu::test::Arguments;
+using zu::test::ChildScenario;
+using zu::test::CountThreads;
+using zu::test::LoadedLibrary;
+using zu::test::WaitUntil;
+
+constexpr char kStatus[] = "/tmp/status";
+constexpr char kMark[] = "/dev/shm/sem." ZU_SEMAPHORE_NAME;
+
+// One letter for what happens in each of the watchdog's sleeps; nothing more
+// does when it is through.
+std::string g_script;
+std::atomic<LoadedLibrary*> g_library{nullptr};  // Once it is loaded.
+std::atomic<bool> g_unload{false};
+std::atomic<int> g_sleeps{0};
+bool g_survives_kill = false;
+bool g_exits_in_handler = false;
+thread_local int64_t t_slept_s = 0;
+
+// The child's output is a record of what the watchdog did.
+void Record(char what) { std::ignore = ::write(STDOUT_FILENO, &what, 1); }
+
+void SetMemory(const std::string& resident_kb) {
+  // A list of groups may be long.
+  zu::test::WriteFile(kStatus, "Groups:\t" + std::string(9000, '7') + "\n" +
+                                   resident_kb + "VmSwap:\t       1 kB\n");
+}
+
+// False when the sleep is over because of what happened in it.
+bool TakesItsTime(char event, sem_t* calls) {
+  const LoadedLibrary& library = *g_library;
+  switch (event) {
+    case 'k':
+      EXPECT_EQ(ZU_FIND(library, ZuDeadLockWatch)(), 0);
+      EXPECT_NE(ZU_FIND(library, ZuDeadLockWatch)(), 0);
+      return true;
+    case 'M':  // One more than it may be, with the swap.
+      return SetMemory("VmRSS:\t 1310720 kB\n"), true;
+    case 'm':
+      return SetMemory("VmRSS:\t 1310719 kB\n"), true;
+    case '?':
+      return SetMemory(""), true;
+    case 's':
+      return ZU_FIND(library, ZuDeadLockStop)() != 0;
+    case 'd':
+      return ZU_FIND(library, ZuDeadLockDisable)() != 0;
+    case 'i':
+      return false;
+    case 'u':  // Comes before the sleep begins, and must not be lost.
+      g_unload = true;
+      return !WaitUntil([=] {
+        int count = 0;
+        return ::sem_getvalue(calls, &count) == 0 && count > 0;
+      });
+    default:
+      return true;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+#pragma GCC visibility push(default)
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  const auto result = ::syscall(SYS_clock_gettime, clock, time);
+  if (clock == CLOCK_MONOTONIC) time->tv_sec += t_slept_s;
+  return static_cast<int>(result);
+}
+
+int sem_clockwait(sem_t* calls, clockid_t clock, const timespec* deadline) {
+  static std::map<int64_t, char> lengths = {{30, '.'}, {15, 'f'}, {5, 'l'}};
+  static int64_t interrupted = 0;  // That sleep's deadline.
+  g_library.wait(nullptr);
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  // The clock may have come to the next second in between.
+  const int64_t left = deadline->tv_sec - now.tv_sec;
+  auto length = lengths.lower_bound(left);
+  if (interrupted == deadline->tv_sec) {
+    Record('=');
+  } else if (clock == CLOCK_MONOTONIC && deadline->tv_nsec == 0 &&
+             length != lengths.end() && length->first - left <= 1) {
+    Record(length->second);
+  } else {
+    Record('!');
+  }
+  const char event = g_script.empty() ? '.' : g_script.front();
+  g_script.erase(0, 1);
+  const bool full = TakesItsTime(event, calls);
+  interrupted = full ? 0 : deadline->tv_sec;
+  t_slept_s += full ? left : 3;
+  ++g_sleeps;
+  if (::sem_trywait(calls) == 0) return 0;
+  errno = full ? ETIMEDOUT : EINTR;
+  return -1;
+}
+
+int raise(int signal) noexcept {
+  static const auto real =
+      reinterpret_cast<int (*)(int)>(::dlsym(RTLD_NEXT, "raise"));
+  if (signal != SIGKILL || !g_survives_kill) return real(signal);
+  Record('K');
+  return 0;
+}
+
+// For the leak sanitizer, which hangs when a thread is in a signal handler.
+int __lsan_is_turned_off() { return g_exits_in_handler ? 1 : 0; }
+
+#pragma GCC visibility pop
+}
+
+namespace {
+
+// Lets the watchdog sleep, until its thread has ended or is to be unloaded.
+void RunScript(LoadedLibrary& library, size_t host_threads) {
+  g_library = &library;
+  g_library.notify_all();
+  EXPECT_TRUE(
+      WaitUntil([=] { return g_unload || CountThreads() == host_threads; }));
+  std::ignore = g_sleeps.load();  // Orders what comes after it behind them.
+}
+
+// The second argument has a letter for each thing that is special about the
+// host.
+const ChildScenario kWatched("Watched", [](const Arguments& arguments) {
+  g_script = arguments[0];
+  const auto is = [&](char c) {
+    return arguments[1].find(c) != std::string::npos;
+  };
+  g_survives_kill = is('K');
+  if (is('N')) {  // No thread can be made with so large a stack.
+    pthread_attr_t huge;
+    ::pthread_attr_init(&huge);
+    ::pthread_attr_setstacksize(&huge, size_t{1} << 60);
+    EXPECT_EQ(::pthread_setattr_default_np(&huge), 0);
+  }
+  SetMemory("VmRSS:\t 1000 kB\n");
+  EXPECT_EQ(::mount(kStatus, "/proc/self/status", "", MS_BIND, ""), 0);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  if (is('B')) sigaddset(&blocked, SIGHUP);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+
+  const size_t threads = CountThreads();
+  LoadedLibrary library = zu::test::LoadLibrary();
+  EXPECT_EQ(ZU_FIND(library, ZuOpenSemaphore)(), 0u);
+  if (is('H')) std::signal(SIGHUP, [](int) { Record('H'); });
+  if (is('T')) std::signal(SIGTERM, [](int) { Record('T'); });
+  if (is('X')) {
+    g_exits_in_handler = true;
+    std::signal(SIGTERM, [](int) { std::exit(7); });
+  }
+  // One that the host waits for; no thread of ours is to take it.
+  ::kill(::getpid(), SIGUSR1);
+  RunScript(library, threads);
+  library.reset();
+  EXPECT_TRUE(WaitUntil([=] { return CountThreads() == threads; }));
+  EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL);  // No longer the library's.
+  return 0;
+});
+
+struct Case {
+  const char* name;
+  std::string script;
+  const char* host;
+  int status;
+  std::string record;
+  const char* log;  // A letter a line.
+};
+
+const std::map<char, std::string> kLines = {
+    {'0', "TERMINATION LEVEL 0 - process should be terminated"},
+    {'1', "TERMINATION LEVEL 1 - process should be terminated"},
+    {'2', "TERMINATION LEVEL 2 - process should be terminated"},
+    {'f',
+     "finalizer wait timed out - process should be terminated - TERMINATION "
+     "LEVEL SIGKILL"},
+    {'l', "SIGKILL did not terminate process - null access"},
+    {'n', "Watcher thread creation failed"}};
+
+std::string Sleeps(size_t count) { return std::string(count, '.'); }
+
+class WatchdogTest : public zu::test::RootedTest,
+                     public ::testing::WithParamInterface<Case> {};
+
+TEST_P(WatchdogTest, InAProcessOfItsOwn) {
+  const Case& c = GetParam();
+  zu::test::SystemLog log;
+  const zu::test::ChildResult result =
+      zu::test::RunInChild(kWatched, {c.script, c.host});
+  EXPECT_EQ(result.status, c.status);
+  EXPECT_EQ(result.output, c.record);
+  std::vector<std::string> lines;
+  for (const char* line = c.log; *line != '\0'; ++line) {
+    lines.push_back("ZuHelperOSX.WatchdogThread: " + kLines.at(*line));
+  }
+  EXPECT_EQ(log.Take(), lines);
+  std::filesystem::remove(kMark);
+}
+
+const std::string kAlive(40, 'k');
+INSTANTIATE_TEST_SUITE_P(
+    Host, WatchdogTest,
+    ::testing::Values(
+        Case{"Hangs", "", "", -SIGHUP, Sleeps(11), "0"},
+        Case{"HangsWithSignalsBlocked", "", "B", -SIGHUP, Sleeps(11), "0"},
+        Case{"HandlesOneSignal", "", "H", -SIGTERM, Sleeps(11) + "H.", "01"},
+        Case{"HandlesBoth", "", "HT", -SIGKILL, Sleeps(11) + "H.T.", "012"},
+        Case{"OutlivesAll", "..............d", "HTK", 0,
+             Sleeps(11) + "H.T.K.K.", "0122"},
+        Case{"ExitsInItsHandler", "", "HX", 7, Sleeps(11) + "H.", "01"},
+        Case{"Recovers", "..........k", "", -SIGHUP, Sleeps(23), "0"},
+        Case{"RecoversAfterASignal", "...........k............d", "H", 0,
+             Sleeps(11) + "H" + Sleeps(13) + "H.", "00"},
+        Case{"ReportsInEachCycle", "kkkkkkkkkkkkkkkkkkkku", "", 0, Sleeps(21),
+             ""},
+        Case{"Grows", "M" + kAlive, "", -SIGHUP, Sleeps(22), "0"},
+        Case{"GrowsAndShrinks", "MkkkkkkkkkkmM" + kAlive, "", -SIGHUP,
+             Sleeps(34), "0"},
+        Case{"GrowsUnreadably", "Mkkkkkkkkkk?M" + kAlive, "", -SIGHUP,
+             Sleeps(23), "0"},
+        Case{"GrowsAndHangs", "M", "", -SIGHUP, Sleeps(8), "0"},
+        Case{"IsInterrupted", "iiii", "", -SIGHUP, ".====" + Sleeps(10), "0"},
+        Case{"StopsAndStays", "s", "", -SIGKILL, ".f", "f"},
+        Case{"StopsTwice", "sssi", "", -SIGKILL, ".f===", "f"},
+        Case{"StopsAndCannotBeKilled", "s", "K", -SIGSEGV, ".fKl", "fl"},
+        Case{"StopsAndUnloads", "su", "", 0, ".f", ""},
+        Case{"StopsAndDisables", "sd", "", 0, ".f", ""},
+        Case{"Disables", "d", "", 0, ".", ""},
+        Case{"Unloads", "u", "", 0, ".", ""},
+        Case{"HasNoThread", "", "N", 0, "", "n"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+constexpr int kFatalSignals[] = {SIGABRT, SIGBUS,  SIGFPE, SIGILL,
+                                 SIGQUIT, SIGTERM, SIGINT, SIGTSTP};
+
+// Takes the mark when the host ignores the first signal, then sends itself the
+// others.
+const ChildScenario kMarked("Marked", [](const Arguments& signals) {
+  ::setsid();  // Nobody is there to continue it: then SIGTSTP does not stop.
+  const int ignored = std::stoi(signals[0]);
+  if (ignored != 0) std::signal(ignored, SIG_IGN);
+  g_script = "d";
+  const size_t threads = CountThreads();
+  LoadedLibrary library = zu::test::LoadLibrary();
+  RunScript(library, threads);
+  const auto open = ZU_FIND(library, ZuOpenSemaphore);
+  const auto unlink = ZU_FIND(library, ZuUnlinkSemaphore);
+  EXPECT_EQ(unlink(), -1);
+  EXPECT_EQ(open(), 0u);
+  EXPECT_EQ(open(), static_cast<uint32_t>(EEXIST));
+  EXPECT_EQ(unlink(), 0);
+  EXPECT_EQ(open(), 0u);
+  EXPECT_TRUE(std::filesystem::exists(kMark));
+  for (const int signal : kFatalSignals) {
+    struct sigaction now {};
+    ::sigaction(signal, nullptr, &now);
+    EXPECT_EQ(now.sa_handler == SIG_IGN, signal == SIGINT && ignored != 0);
+    EXPECT_NE(now.sa_handler, SIG_DFL);
+  }
+  const volatile int32_t& in_progress =
+      *ZU_FIND(library, fatal_error_in_progress);
+  EXPECT_EQ(in_progress, 0);
+  for (size_t i = 1; i < signals.size(); ++i) {
+    ::kill(::getpid(), std::stoi(signals[i]));
+    EXPECT_EQ(in_progress, std::filesystem::exists(kMark) ? 0 : 1);
+  }
+  (void)library.release();  // The exit handlers are to find it.
+  return 0;
+});
+
+using MarkTest = zu::test::RootedTest;
+
+TEST_F(MarkTest, GoesWithItsProcess) {
+  struct Row {
+    int ignored;
+    std::vector<int> sent;
+    int status;
+  };
+  std::vector<Row> rows = {{0, {}, 0},
+                           {SIGTERM, {SIGINT, SIGTERM}, -SIGTERM},
+                           {SIGINT, {SIGINT}, 0},
+                           {SIGTSTP, {SIGINT}, 0},
+                           {0, {SIGTSTP}, 0},
+                           {0, {SIGTSTP, SIGABRT}, -SIGABRT}};
+  for (const int signal : kFatalSignals) {
+    if (signal != SIGTSTP) rows.push_back({0, {signal}, -signal});
+  }
+  for (const Row& row : rows) {
+    Arguments signals = {std::to_string(row.ignored)};
+    for (const int signal : row.sent) {
+      signals.push_back(std::to_string(signal));
+    }
+    const auto result = zu::test::RunInChild(kMarked, signals);
+    EXPECT_EQ(result.status, row.status)
+        << testing::PrintToString(signals) << '\n'
+        << result.output;
+    EXPECT_FALSE(std::filesystem::exists(kMark));
+  }
+}
+
+}  // namespace
