@@ -57,7 +57,8 @@ bool Subscribe(const char* name, std::atomic<int32_t>& token,
                void (*handler)()) {
   int32_t made = platform::kNoNotificationToken;
   const bool registered = Guarded("Subscribe", false, [&] {
-    return platform::RegisterNotification(name, made, handler);
+    // A lambda's type stays inside, that of a pointer would be exported.
+    return platform::RegisterNotification(name, made, [handler] { handler(); });
   });
   // There is an older one where a null power callback was registered, which
   // counts as none held.
