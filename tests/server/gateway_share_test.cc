@@ -15,6 +15,7 @@
 #include "platform/notification.h"
 #include "platform/property_list_json.h"
 #include "server/command_table.h"
+#include "server/server.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_tool.h"
 #include "tests/support/system_log.h"
@@ -229,6 +230,9 @@ const test::ChildScenario kObserves("Observes", [](const test::Arguments&) {
   platform::PostNotification(kGatewayRequest);
   AwaitDelivery();
   EXPECT_EQ(g_responses, 1);
+  // There are no load hooks here that would.
+  LeaveServer();
+  platform::StopNotifications();
   return 0;
 });
 TEST_F(GatewayShareTest, IsObservedByTheServer) {
