@@ -224,6 +224,11 @@ TEST_F(StatusTest, SeesDamage) {
     EXPECT_EQ(Ask(file.path()), kBad);
     EXPECT_EQ(Names(file.path()), names);
     WriteBytes(file.code(), good);
+    // The directory's magic number: nothing in it can be read.
+    Damage(file.code(), "\xfa\xde\x0c\x02");
+    EXPECT_EQ(Ask(file.path()), kBad);
+    EXPECT_EQ(Names(file.path()), names);
+    WriteBytes(file.code(), good);
     // The object identifier of messageDigest.
     Damage(file.code(), "\x2a\x86\x48\x86\xf7\x0d\x01\x09\x04");
     EXPECT_EQ(Ask(file.path()), kBad);

@@ -445,11 +445,17 @@ SignatureInformation Verifier::Inspect(const StaticCode& code) {
   }
   const DirectoryCode& piece = pieces.front();
   information.format = code.bundle() ? "bundle" : "Mach-O";
+  const EmbeddedSignature& signature = piece.signature();
+  const auto add_message = [&] {
+    if (signature.cms.empty()) return;
+    AddMessage(context_, trusted.get(),
+               {signature.cms.begin(), signature.cms.end()}, information);
+  };
   if (!piece.found().good()) {
+    add_message();
     fail(piece.found());
     return information;
   }
-  const EmbeddedSignature& signature = piece.signature();
   const CodeDirectory& directory = signature.best();
   information.identifier = directory.identifier;
   information.team = directory.team;
@@ -459,10 +465,7 @@ SignatureInformation Verifier::Inspect(const StaticCode& code) {
   for (const CodeDirectory& each : signature.directories) {
     information.cdhashes.push_back(CdHash(*context_, each));
   }
-  if (!information.ad_hoc && !signature.cms.empty()) {
-    AddMessage(context_, trusted.get(),
-               {signature.cms.begin(), signature.cms.end()}, information);
-  }
+  if (!information.ad_hoc) add_message();
   return information;
 }
 

@@ -167,6 +167,8 @@ EmbeddedSignature::ParseResult EmbeddedSignature::Parse(
   if (count > kMaxBlobs || index_end > super_blob->size()) {
     return ParseResult::kMalformed;
   }
+  // Goes on behind what is broken, for the sake of the message.
+  bool broken = false;
   // Alternates come after the first directory and in order, wherever they lie.
   std::map<uint32_t, std::span<const std::byte>> blobs;
   for (size_t entry = kSuperBlobHeaderSize; entry < index_end;
@@ -174,13 +176,21 @@ EmbeddedSignature::ParseResult EmbeddedSignature::Parse(
     const uint32_t slot = LoadBig32(*super_blob, entry);
     const uint32_t offset = LoadBig32(*super_blob, entry + 4);
     if (offset < index_end || offset > super_blob->size()) {
-      return ParseResult::kMalformed;
+      broken = true;
+      continue;
     }
     const auto blob = TakeBlob(super_blob->subspan(offset));
-    if (!blob || !blobs.emplace(slot, *blob).second) {
-      return ParseResult::kMalformed;
-    }
+    if (!blob || !blobs.emplace(slot, *blob).second) broken = true;
   }
+  if (const auto cms = blobs.find(kCmsSlot); cms != blobs.end()) {
+    if (LoadBig32(cms->second, 0) == kWrapperMagic) {
+      signature.cms = cms->second.subspan(kBlobHeaderSize);
+    } else {
+      broken = true;
+    }
+    blobs.erase(cms);
+  }
+  if (broken) return ParseResult::kMalformed;
   if (!blobs.contains(kDirectorySlot)) return ParseResult::kUnsigned;
   for (const auto& [slot, blob] : blobs) {
     if (slot == kDirectorySlot ||
@@ -195,9 +205,6 @@ EmbeddedSignature::ParseResult EmbeddedSignature::Parse(
         return ParseResult::kMalformed;
       }
       signature.directories.push_back(std::move(*directory));
-    } else if (slot == kCmsSlot) {
-      if (LoadBig32(blob, 0) != kWrapperMagic) return ParseResult::kMalformed;
-      signature.cms = blob.subspan(kBlobHeaderSize);
     } else {
       signature.components.emplace(slot, blob);
     }

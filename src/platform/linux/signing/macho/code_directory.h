@@ -75,7 +75,8 @@ struct EmbeddedSignature {
 
   enum class ParseResult { kOk, kUnsigned, kMalformed };
 
-  // Takes the bytes that a slice's signature command names.
+  // Takes the bytes that a slice's signature command names. When they are
+  // malformed, `cms` is all that may be asked for: what could be found of it.
   static ParseResult Parse(std::vector<std::byte> bytes,
                            EmbeddedSignature& signature);
 
