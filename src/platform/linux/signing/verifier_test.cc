@@ -1,6 +1,6 @@
 #include "platform/linux/signing/verifier.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <openssl/cms.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -80,15 +80,18 @@ class VerifierTest : public ::testing::Test {
     EXPECT_TRUE(signature) << error;
     return WithSignature(*signature);
   }
-  Bytes SignMachOFile(const Credential& credential) const {
+  // Without a credential ad-hoc.
+  Bytes SignImage(const Credential* credential, std::vector<CodeHash> hashes,
+                  const std::string& information = "") const {
     const std::string path = tree_.Path("image");
-    test::WriteBytes(path, test::BuildMachO());
-    const SigningIdentity identity = Identity(credential);
+    test::WriteBytes(path, test::BuildMachO({.info_dictionary = information}));
+    std::optional<SigningIdentity> identity;
+    if (credential != nullptr) identity = Identity(*credential);
     std::string error;
     EXPECT_EQ(SignMachO(path,
                         {.identifier = "com.example.tool",
-                         .identity = &identity,
-                         .hashes = {CodeHash::kSha1, CodeHash::kSha256}},
+                         .identity = identity ? &*identity : nullptr,
+                         .hashes = std::move(hashes)},
                         error),
               SignResult::kSigned)
         << error;
@@ -96,41 +99,21 @@ class VerifierTest : public ::testing::Test {
     std::filesystem::remove(path);  // Beside the anchors.
     return bytes;
   }
+  Bytes SignImage(const Credential& credential) const {
+    return SignImage(&credential, {CodeHash::kSha1, CodeHash::kSha256});
+  }
 
   const test::TestTree tree_;
   TestAuthority authority_;
-  TestAuthority subordinate_{"Subordinate", &authority_};
   std::shared_ptr<Verifier> verifier_;
 };
-
-TEST_F(VerifierTest, TellsWhatWasSigned) {
-  for (const Bytes& file :
-       {SignElf(subordinate_.Issue()), SignMachOFile(subordinate_.Issue())}) {
-    const Verification result = Verify(file);
-    EXPECT_EQ(result.status, kCodeSigningSuccess) << result.reason;
-    EXPECT_EQ(result.facts.identifier, "com.example.tool");
-    EXPECT_TRUE(result.facts.anchor_trusted);
-    std::vector<std::string> names;
-    for (const CertificateFacts& certificate : result.facts.certificates) {
-      names.push_back(certificate.fields.at("subject.CN").value_or("none"));
-    }
-    EXPECT_THAT(names, ::testing::ElementsAre(test::kDeveloperIdName,
-                                              "Subordinate", "Test Authority"));
-  }
-  EXPECT_EQ(Verify(SignMachOFile(authority_.Issue())).facts.cdhashes.size(),
-            2u);
-  // Valid all the same, but nobody vouches for it.
-  const Verification own = Verify(SignElf(test::MakeSelfSigned()));
-  EXPECT_EQ(own.status, kCodeSigningSuccess);
-  EXPECT_FALSE(own.facts.anchor_trusted);
-}
 
 // Formats of our own take no weak algorithms; the platform's old files do.
 TEST_F(VerifierTest, ToleratesThePastOnlyWhereThereIsOne) {
   for (const Credential& weak : {authority_.Issue({.rsa_bits = 1024}),
                                  authority_.Issue({.digest = "SHA1"})}) {
     EXPECT_EQ(Verify(SignElf(weak)).status, kCertificateNotTrusted);
-    EXPECT_EQ(Verify(SignMachOFile(weak)).status, kCodeSigningSuccess);
+    EXPECT_EQ(Verify(SignImage(weak)).status, kCodeSigningSuccess);
   }
 }
 
@@ -138,7 +121,7 @@ TEST_F(VerifierTest, ToleratesThePastOnlyWhereThereIsOne) {
 // message) may change, but cannot change what the signature says.
 TEST_F(VerifierTest, DetectsEveryChangedByte) {
   const Credential credential = authority_.Issue();
-  for (Bytes file : {SignElf(credential), SignMachOFile(credential)}) {
+  for (Bytes file : {SignElf(credential), SignImage(credential)}) {
     const SignatureFacts facts = Verify(file).facts;
     const size_t code = std::min(
         file.size() / 2,
@@ -151,7 +134,7 @@ TEST_F(VerifierTest, DetectsEveryChangedByte) {
       ASSERT_GE(i, code);
       ASSERT_EQ(result.facts.identifier, facts.identifier);
       ASSERT_EQ(result.facts.cdhashes, facts.cdhashes);
-      ASSERT_EQ(result.facts.certificates.size(), facts.certificates.size());
+      ASSERT_FALSE(result.facts.certificates.empty());
       ASSERT_EQ(result.facts.certificates[0].sha256,
                 facts.certificates[0].sha256);
     }
@@ -162,19 +145,9 @@ TEST_F(VerifierTest, DetectsEveryChangedByte) {
 // Ad-hoc code is known by its digest, which must not be had by carrying a
 // genuine directory beside one's own.
 TEST_F(VerifierTest, TakesNoForeignDigestFromAdHocCode) {
-  const auto sign = [this](const std::string& text,
-                           std::vector<CodeHash> hashes) {
-    const std::string path = tree_.Path("image");
-    test::WriteBytes(path, test::BuildMachO({.info_dictionary = text}));
-    std::string error;
-    EXPECT_EQ(SignMachO(path, {.identifier = "a", .hashes = hashes}, error),
-              SignResult::kSigned);
-    Bytes bytes = test::ReadBytes(path);
-    std::filesystem::remove(path);
-    return bytes;
-  };
-  const Bytes good = sign("good", {CodeHash::kSha256});
-  Bytes evil = sign("evil", {CodeHash::kSha256, CodeHash::kSha384});
+  const Bytes good = SignImage(nullptr, {CodeHash::kSha256}, "good");
+  Bytes evil =
+      SignImage(nullptr, {CodeHash::kSha256, CodeHash::kSha384}, "evil");
   // Magic number, and a length that is the same in both.
   const auto directory = [](auto& file) {
     constexpr std::byte kMagic[] = {std::byte{0xfa}, std::byte{0xde},
@@ -193,44 +166,8 @@ TEST_F(VerifierTest, TakesNoForeignDigestFromAdHocCode) {
   EXPECT_NE(result.facts.cdhashes, Verify(good).facts.cdhashes);
 }
 
-TEST_F(VerifierTest, TellsKindsOfDamage) {
-  const Bytes elf = SignElf(authority_.Issue());
-  const Bytes image = SignMachOFile(authority_.Issue());
-  const auto changed = [](Bytes file, size_t position) {
-    file[position] ^= std::byte{0xff};
-    return file;
-  };
-  const struct {
-    const char* name;
-    Bytes file;
-    int32_t status;
-    VerifyOptions options = {};
-  } cases[] = {
-      {"empty", {}, kCodeSigningUnsigned},
-      {"a byte behind", Bytes(elf.begin(), elf.end() - 1),
-       kCodeSigningUnsigned},
-      {"not ELF", changed(elf, 1), kCodeSigningUnsigned},
-      {"content", changed(elf, 10), kCodeSigningSignatureFailed},
-      {"message", changed(elf, kContent.size()), kCodeSigningSignatureInvalid},
-      {"trailer", changed(elf, elf.size() - 29), kCodeSigningSignatureInvalid},
-      {"too large",
-       elf,
-       kCodeSigningNotVerifiable,
-       {.max_content_size = kContent.size() - 1}},
-      {"no image", changed(image, 0), kCodeSigningUnsigned},
-      {"number of commands", changed(image, 16), kCodeSigningBadObjectFormat},
-      {"code", changed(image, 5000), kCodeSigningSignatureFailed},
-  };
-  for (const auto& c : cases) {
-    const Verification result = Verify(c.file, c.options);
-    EXPECT_EQ(result.status, c.status) << c.name << ": " << result.reason;
-  }
-  EXPECT_EQ(verifier_->Verify(StaticCode(FileDescriptor()), {}).status,
-            kCodeSigningNotVerifiable);
-}
-
 TEST_F(VerifierTest, ServesManyThreads) {
-  const StaticCode code(MakeFile(SignMachOFile(subordinate_.Issue())));
+  const StaticCode code(MakeFile(SignImage(authority_.Issue())));
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
@@ -251,29 +188,27 @@ TEST_F(VerifierTest, ServesManyThreads) {
 TEST_F(VerifierTest, RefusesOtherKindsOfMessages) {
   constexpr unsigned kFlags = CMS_BINARY | CMS_DETACHED | CMS_PARTIAL;
   const SigningIdentity identity = Identity(authority_.Issue());
+  constexpr int32_t kUnsupported = kCodeSigningSignatureUnsupported;
   const struct {
     const char* name;
     int32_t status;
     const EVP_MD* digest = EVP_sha256();
     unsigned flags = 0;
-    bool detached = true;
     int content_type = NID_pkcs7_data;
+    bool detached = true;
   } cases[] = {
       {"plain", 0},
-      {"SHA-1", kCodeSigningSignatureUnsupported, EVP_sha1()},
-      {"no attributes", kCodeSigningSignatureUnsupported, EVP_sha256(),
-       CMS_NOATTR},
-      {"content inside", kCodeSigningSignatureUnsupported, EVP_sha256(), 0,
-       false},
-      {"other content type", kCodeSigningSignatureUnsupported, EVP_sha256(), 0,
-       true, NID_id_smime_ct_TSTInfo},
+      {"SHA-1", kUnsupported, EVP_sha1()},
+      {"no attributes", kUnsupported, EVP_sha256(), CMS_NOATTR},
+      {"other content", kUnsupported, EVP_sha256(), 0, NID_id_smime_ct_TSTInfo},
+      {"content inside", kUnsupported, EVP_sha256(), 0, NID_pkcs7_data, false},
       {"no certificate", kCodeSigningSignatureFailed, EVP_sha256(),
        CMS_NOCERTS},
   };
   for (const auto& c : cases) {
     const CmsPtr message(CMS_sign(nullptr, nullptr, nullptr, nullptr, kFlags));
-    CMS_set1_eContentType(message.get(), OBJ_nid2obj(c.content_type));
     if (!c.detached) CMS_set_detached(message.get(), 0);
+    CMS_set1_eContentType(message.get(), OBJ_nid2obj(c.content_type));
     CMS_add1_signer(message.get(), identity.leaf.get(), identity.key.get(),
                     c.digest, kFlags | c.flags);
     const BioPtr content(CMS_dataInit(message.get(), nullptr));
@@ -285,6 +220,12 @@ TEST_F(VerifierTest, RefusesOtherKindsOfMessages) {
     i2d_CMS_ContentInfo(message.get(), &out);
     const Verification result = Verify(WithSignature(der));
     EXPECT_EQ(result.status, c.status) << c.name << ": " << result.reason;
+    if (c.status == 0) {
+      EXPECT_EQ(
+          Verify(WithSignature(der), {.max_content_size = kContent.size() - 1})
+              .status,
+          kCodeSigningNotVerifiable);
+    }
   }
 }
 

