@@ -115,7 +115,7 @@ const ChildScenario kDuringCallback("DuringCallback", [](const Arguments&) {
   SystemLog log;
   std::vector<std::thread> stoppers;
   for (int i = 0; i < 3; ++i) {
-    stoppers.emplace_back([&log] {
+    stoppers.emplace_back([] {
       ZuStopServer();
       bool open;
       {
