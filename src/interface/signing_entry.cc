@@ -12,14 +12,6 @@
 
 namespace {
 
-class ScopedCertificateLock {
- public:
-  ScopedCertificateLock() { ::pthread_mutex_lock(&zu::g_cert_mutex); }
-  ~ScopedCertificateLock() { ::pthread_mutex_unlock(&zu::g_cert_mutex); }
-  ScopedCertificateLock(const ScopedCertificateLock&) = delete;
-  ScopedCertificateLock& operator=(const ScopedCertificateLock&) = delete;
-};
-
 // Only the low byte of the flag counts: that is what hosts have always set.
 bool LowByteSet(int32_t flag) { return static_cast<uint8_t>(flag) != 0; }
 
@@ -40,15 +32,12 @@ uint32_t ZuAuthenticodeGetInfo(const char* path, int32_t checkRevocation,
                                char* issuerName, char* signerNameCopy,
                                char* signerName, char* signingDate,
                                char* thumbprintHex) {
-  return zu::Guarded(__func__, 0u, [=] {
-    const ScopedCertificateLock lock;
-    return zu::signing::QuerySigner(
-               path, LowByteSet(checkRevocation),
-               {isSigned, isValid, issuerName, signerNameCopy, signerName,
-                signingDate, thumbprintHex})
-               ? 1u
-               : 0u;
-  });
+  ::pthread_mutex_lock(&zu::g_cert_mutex);
+  const uint32_t result = ZuAuthenticodeGetModelBundleInfo(
+      path, checkRevocation, isSigned, isValid, issuerName, signerNameCopy,
+      signerName, signingDate, thumbprintHex);
+  ::pthread_mutex_unlock(&zu::g_cert_mutex);
+  return result;
 }
 
 uint32_t ZuAuthenticodeGetModelBundleInfo(

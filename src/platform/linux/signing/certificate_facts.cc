@@ -28,17 +28,6 @@ void Add(Fields& fields, std::string name, std::optional<std::string> value) {
   if (!is_first) field->second.reset();
 }
 
-std::optional<std::string> Utf8(const ASN1_STRING* string) {
-  unsigned char* text = nullptr;
-  const int length = ASN1_STRING_to_UTF8(&text, string);
-  if (length < 0) return std::nullopt;
-  std::optional<std::string> value(std::in_place,
-                                   reinterpret_cast<const char*>(text),
-                                   static_cast<size_t>(length));
-  OPENSSL_free(text);
-  return value;
-}
-
 // An extension's value without its header when it is one string of characters
 // that need no conversion.
 std::string ExtensionValue(const ASN1_OCTET_STRING* value) {
@@ -82,7 +71,7 @@ CertificateFacts FactsOf(const X509& certificate) {
         [&](const SubjectAttribute& row) { return row.oid == oid; });
     if (attribute == std::end(kSubjectAttributes)) continue;
     Add(facts.fields, std::string(attribute->field),
-        Utf8(X509_NAME_ENTRY_get_data(entry)));
+        Utf8Of(X509_NAME_ENTRY_get_data(entry)));
   }
   for (int i = 0; i < X509_get_ext_count(&certificate); ++i) {
     X509_EXTENSION* const extension = X509_get_ext(&certificate, i);

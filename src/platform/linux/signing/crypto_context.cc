@@ -68,6 +68,17 @@ CrlPtr CryptoContext::TakeCrl(std::span<const std::byte>& der) const {
   return Take<CrlPtr>(X509_CRL_new_ex(get(), nullptr), &d2i_X509_CRL, der);
 }
 
+std::optional<std::string> Utf8Of(const ASN1_STRING* text) {
+  unsigned char* utf8 = nullptr;
+  const int length = ASN1_STRING_to_UTF8(&utf8, text);
+  if (length < 0) return std::nullopt;
+  std::optional<std::string> value(std::in_place,
+                                   reinterpret_cast<const char*>(utf8),
+                                   static_cast<size_t>(length));
+  OPENSSL_free(utf8);
+  return value;
+}
+
 std::vector<std::byte> DigestOf(std::span<const std::byte> bytes,
                                 const EVP_MD& algorithm) {
   const ScopedErrorMark mark;

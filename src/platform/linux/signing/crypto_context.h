@@ -5,7 +5,9 @@
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "platform/linux/signing/openssl_ptr.h"
@@ -43,6 +45,9 @@ class CryptoContext {
   ProviderPtr provider_;
   std::array<DigestPtr, 4> digests_;
 };
+
+// A text of any of ASN.1's kinds in UTF-8; absent when it cannot be read.
+std::optional<std::string> Utf8Of(const ASN1_STRING* text);
 
 // Empty when libcrypto fails.
 std::vector<std::byte> DigestOf(std::span<const std::byte> bytes,

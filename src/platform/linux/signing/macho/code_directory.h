@@ -36,7 +36,6 @@ inline constexpr uint32_t kDerEntitlementsSlot = 7;
 
 // Flags of a directory.
 inline constexpr uint32_t kAdHocFlag = 0x2;
-inline constexpr uint32_t kLinkerSignedFlag = 0x20000;
 
 // One directory, over bytes that its owner keeps.
 struct CodeDirectory {

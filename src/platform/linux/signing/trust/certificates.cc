@@ -176,15 +176,7 @@ std::optional<std::string> LastAttribute(const X509& certificate, int kind) {
     last = i;
   }
   if (last < 0) return std::nullopt;
-  unsigned char* text = nullptr;
-  const int size = ASN1_STRING_to_UTF8(
-      &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, last)));
-  if (size < 0) return std::nullopt;
-  std::optional<std::string> value(std::in_place,
-                                   reinterpret_cast<const char*>(text),
-                                   static_cast<size_t>(size));
-  OPENSSL_free(text);
-  return value;
+  return Utf8Of(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, last)));
 }
 
 }  // namespace
