@@ -7,7 +7,7 @@
 #include <chrono>
 #include <vector>
 
-#include "platform/linux/ipc/thread.h"
+#include "platform/linux/thread.h"
 #include "support/guarded.h"
 #include "support/never_destroyed.h"
 

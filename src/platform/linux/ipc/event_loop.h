@@ -8,8 +8,8 @@
 #include <thread>
 #include <unordered_map>
 
+#include "platform/linux/event.h"
 #include "platform/linux/ipc/connection.h"
-#include "platform/linux/ipc/event.h"
 
 namespace zu::platform {
 

@@ -12,7 +12,7 @@
 
 #include "build_values.h"
 #include "platform/linux/ipc/connection.h"
-#include "platform/linux/ipc/thread.h"
+#include "platform/linux/thread.h"
 #include "support/guarded.h"
 
 namespace zu::platform {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/ipc.h"
-#include "platform/linux/ipc/event.h"
+#include "platform/linux/event.h"
 #include "support/file_descriptor.h"
 
 namespace zu::platform {

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/linux/ipc/thread.h"
+#include "platform/linux/thread.h"
 #include "platform/notification.h"
 #include "support/guarded.h"
 

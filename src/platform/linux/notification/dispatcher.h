@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/ipc/event.h"
+#include "platform/linux/event.h"
 #include "platform/linux/notification/post_directory.h"
 #include "platform/linux/notification/system_watch.h"
 

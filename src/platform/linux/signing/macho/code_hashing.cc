@@ -6,9 +6,9 @@
 #include <limits>
 #include <memory>
 
-#include "platform/linux/ipc/thread.h"
 #include "platform/linux/signing/file_content.h"
 #include "platform/linux/signing/macho/code_directory.h"
+#include "platform/linux/thread.h"
 
 namespace zu::platform {
 namespace {

@@ -1,6 +1,6 @@
-// Threads of the transport.
-#ifndef ZU_PLATFORM_LINUX_IPC_THREAD_H_
-#define ZU_PLATFORM_LINUX_IPC_THREAD_H_
+// Threads of our own inside the host.
+#ifndef ZU_PLATFORM_LINUX_THREAD_H_
+#define ZU_PLATFORM_LINUX_THREAD_H_
 
 #include <pthread.h>
 #include <functional>
@@ -16,4 +16,4 @@ std::optional<pthread_t> StartThread(const char* name,
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_IPC_THREAD_H_
+#endif  // ZU_PLATFORM_LINUX_THREAD_H_

@@ -1,4 +1,4 @@
-#include "platform/linux/ipc/thread.h"
+#include "platform/linux/thread.h"
 
 #include <memory>
 
@@ -11,7 +11,7 @@ namespace {
 void* Run(void* argument) {
   const std::unique_ptr<std::function<void()>> body(
       static_cast<std::function<void()>*>(argument));
-  Guarded("IpcThread", [&body] { (*body)(); });
+  Guarded("Thread", [&body] { (*body)(); });
   return nullptr;
 }
 

@@ -1,6 +1,6 @@
 // A flag that a thread can wait for beside its descriptors.
-#ifndef ZU_PLATFORM_LINUX_IPC_EVENT_H_
-#define ZU_PLATFORM_LINUX_IPC_EVENT_H_
+#ifndef ZU_PLATFORM_LINUX_EVENT_H_
+#define ZU_PLATFORM_LINUX_EVENT_H_
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -33,4 +33,4 @@ class Event {
 
 }  // namespace zu::platform
 
-#endif  // ZU_PLATFORM_LINUX_IPC_EVENT_H_
+#endif  // ZU_PLATFORM_LINUX_EVENT_H_
