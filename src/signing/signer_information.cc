@@ -1,14 +1,15 @@
 #include "signing/signer_information.h"
 
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "ZuHelper.h"
 #include "platform/code_signing.h"
 #include "platform/digest.h"
 #include "signing/signature_status.h"
 #include "support/guarded.h"
+#include "support/hex.h"
 
 namespace zu::signing {
 namespace {
@@ -48,9 +49,7 @@ bool QuerySigner(const char* path, bool check_revocation,
     if (GetSecThumbprint(path, digest, sizeof(digest)) != 1) return false;
     // 40 digits, the NUL behind the last of them, and one more.
     char text[ZU_THUMBPRINT_TEXT_SIZE] = {};
-    for (size_t i = 0; i < sizeof(digest); ++i) {
-      std::snprintf(text + 2 * i, 3, "%02X", digest[i]);
-    }
+    WriteUpperHex(std::as_bytes(std::span(digest)), text);
     std::memcpy(information.thumbprint_hex, text, sizeof(text));
   }
 

@@ -12,7 +12,7 @@ list(TRANSFORM built STRIP)
 
 file(READ ${HEADER} header)
 string(REGEX MATCHALL "\n(extern )?ZU_EXPORT [^(;]+" declared "${header}")
-list(TRANSFORM declared REPLACE ".*[ *]" "")
+list(TRANSFORM declared REPLACE "(.*[ *])|(\\[.*)" "")
 
 foreach(names built declared)
   list(SORT ${names})
