@@ -506,6 +506,187 @@ ZU_EXPORT uint8_t RegisterAddressChangeFunc(ZuAddressChangeCallback callback);
 ZU_EXPORT void ZuUnRegisterAddressChange(void);
 ZU_EXPORT void UnRegisterAddressChange(void);
 
+/* --------------------------------------------------------------- digests -- */
+
+#if defined(__cplusplus)
+#define ZU_STATIC_ASSERT(condition, name) static_assert(condition, #name)
+#else
+#define ZU_STATIC_ASSERT(condition, name) \
+  typedef char zu_assert_##name[(condition) ? 1 : -1]
+#endif
+
+/**
+ * The two message digests below have the shape of MD5 and of SHA-256 but run
+ * on 64-bit words throughout, on purpose: they agree with the standard digests
+ * for no message, and are good for comparing with digests from this library
+ * only. They depend on the message alone, never on how it was split into calls.
+ * They check no pointer (which may be NULL where the length is 0), report no
+ * error and block for nothing. Contexts are the caller's; one context belongs
+ * to one thread at a time, different ones to any.
+ */
+
+/** State of the MD5-shaped digest. */
+typedef struct ZuMD5Context {
+  uint64_t state[4];  /**< A, B, C, D; the digest is in the low halves. */
+  uint64_t count[2];  /**< Length so far in bits, the low word first. */
+  uint8_t buffer[64]; /**< The bytes that fill no block yet. */
+} ZuMD5Context;
+ZU_STATIC_ASSERT(sizeof(ZuMD5Context) == 112, md5_context_size);
+
+/** Size of an MD5-shaped digest, in bytes. */
+#define ZU_MD5_SIZE 16u
+/** Size of the array that MD5Close writes the digest to, in bytes. */
+#define ZU_MD5_OUTPUT_SIZE 20u
+
+/** Begins a digest. `buffer` stays as it is. */
+ZU_EXPORT void MD5Open(ZuMD5Context* context);
+
+/** Adds `length` bytes to the digest; any number of calls, 0 bytes too. */
+ZU_EXPORT void MD5Digest(ZuMD5Context* context, const void* data,
+                         uint32_t length);
+
+/**
+ * Ends a digest and wipes the context, which has to be opened again for another
+ * one.
+ *
+ * @param[out] digest  array of ZU_MD5_OUTPUT_SIZE bytes, more than the digest:
+ *                     the last 4 are scratch and hold nothing of use
+ */
+ZU_EXPORT void MD5Close(ZuMD5Context* context, uint8_t* digest);
+
+/** State of the SHA-256-shaped digest. */
+typedef struct ZuSHA256Context {
+  uint32_t total_length;   /**< Bytes compressed so far, modulo 2^32. */
+  uint32_t pending_length; /**< Bytes in `block` that are not, 0 to 63. */
+  uint8_t block[128];      /**< Room for the two blocks of the padding. */
+  uint64_t hash[8];        /**< H0 to H7; the digest is in the low halves. */
+} ZuSHA256Context;
+ZU_STATIC_ASSERT(sizeof(ZuSHA256Context) == 200, sha256_context_size);
+
+/** Size of a SHA-256-shaped digest, in bytes. */
+#define ZU_SHA256_SIZE 32u
+/** Size of its text with the NUL, in bytes. */
+#define ZU_SHA256_TEXT_SIZE 65u
+
+/** The round constants of SHA-256, each in the low half of its word. */
+extern ZU_EXPORT const uint64_t sha256_k[64];
+
+/** Begins a digest. */
+ZU_EXPORT void ZuSHA256_Init(ZuSHA256Context* context);
+
+/** Adds `length` bytes to the digest; any number of calls, 0 bytes too. */
+ZU_EXPORT void ZuSHA256_Update(ZuSHA256Context* context, const void* data,
+                               uint32_t length);
+
+/**
+ * Ends a digest. The context is not wiped. Messages of 512 MiB and more have
+ * the same length field as those that are shorter by a multiple of that.
+ *
+ * @param[out] digest  array of ZU_SHA256_SIZE bytes
+ */
+ZU_EXPORT void ZuSHA256_Final(ZuSHA256Context* context, uint8_t* digest);
+
+/** Makes a context and begins a digest. The caller owns the context until
+ *  Zu_SHA256_Finish frees it. A process without memory ends here. */
+ZU_EXPORT ZuSHA256Context* Zu_SHA256_Start(void);
+
+/** As ZuSHA256_Update. */
+ZU_EXPORT void Zu_SHA256_Update(ZuSHA256Context* context, const void* data,
+                                uint32_t length);
+
+/**
+ * Ends a digest and frees its context.
+ *
+ * @param[out] text  array of ZU_SHA256_TEXT_SIZE bytes: 64 upper-case
+ *                   hexadecimal digits and a NUL
+ */
+ZU_EXPORT void Zu_SHA256_Finish(ZuSHA256Context* context, char* text);
+
+/* ------------------------------------------- file hashes, cipher, archives --
+ */
+
+/** Sizes of the texts of file hashes with the NUL, in bytes. */
+#define ZU_MD5_TEXT_SIZE 33u
+#define ZU_SHA1_TEXT_SIZE 41u
+
+/**
+ * The MD5-shaped digest (see MD5Open) and the SHA-1 of a file, in upper-case
+ * hexadecimal digits and a NUL.
+ *
+ * The file is read once, 64 KiB at a time, and may be of any kind: of a
+ * directory nothing can be read, so it gives the hashes of an empty message, as
+ * does every read error those of what was read before it. Blocks as long as
+ * reading takes (a pipe, until its writers are gone). Large files keep two
+ * processors busy.
+ *
+ * @param[in]  path       of the file, in the file system's encoding
+ * @param[out] md5_text   array of ZU_MD5_TEXT_SIZE bytes
+ * @param[out] sha1_text  array of ZU_SHA1_TEXT_SIZE bytes
+ * @return 1; 0 when an argument is NULL, the file cannot be opened or memory is
+ *         short, and the texts are then untouched. ZuGetMd5AndSha1HashesOSX
+ *         gives 1 at once when both texts are NULL: nothing was asked for.
+ */
+ZU_EXPORT uint8_t ZuGetMd5AndSha1HashesOSX(const char* path, char* md5_text,
+                                           char* sha1_text);
+ZU_EXPORT uint8_t GetMd5AndSha1(const char* path, char* md5_text,
+                                char* sha1_text);
+
+/** Results of Zu_CCCrypt_Message: CommonCrypto's, on every system. */
+#define ZU_CRYPT_SUCCESS 0
+#define ZU_CRYPT_PARAMETER_ERROR (-4300)
+#define ZU_CRYPT_BUFFER_TOO_SMALL (-4301)
+#define ZU_CRYPT_MEMORY_FAILURE (-4302)
+#define ZU_CRYPT_ALIGNMENT_ERROR (-4303)
+#define ZU_CRYPT_DECODE_ERROR (-4304)
+
+/**
+ * Encrypts or decrypts one message with AES-256 in CBC mode and PKCS#7 padding.
+ * `output` may be `input` itself; otherwise the two must not overlap.
+ *
+ * @param[in]     input          the message
+ * @param         input_length   in bytes, at least 1
+ * @param[in]     key            `key_length` bytes
+ * @param         key_length     in bytes; 32 is the only one taken
+ * @param[in]     iv             initialisation vector of 16 bytes
+ * @param[out]    output         what it holds after a failure is undefined
+ * @param[in,out] output_length  In: capacity of `output` in bytes. Encrypting
+ *                               takes the next multiple of 16 above the input's
+ *                               length, decrypting the input's length. Out: the
+ *                               bytes produced, which are fewer when padding
+ *                               was taken off; with ZU_CRYPT_BUFFER_TOO_SMALL,
+ *                               the capacity that it takes; unchanged with
+ *                               ZU_CRYPT_PARAMETER_ERROR, 0 with the others.
+ * @param         encrypt        0 decrypts, anything else encrypts
+ * @return ZU_CRYPT_SUCCESS; ZU_CRYPT_PARAMETER_ERROR when a pointer is NULL,
+ *         the input empty or too long for any ciphertext, or the key's length
+ *         not 32; ZU_CRYPT_BUFFER_TOO_SMALL; ZU_CRYPT_MEMORY_FAILURE;
+ *         when decrypting, ZU_CRYPT_ALIGNMENT_ERROR for input that is not whole
+ *         blocks, and ZU_CRYPT_DECODE_ERROR for padding that is none
+ */
+ZU_EXPORT int32_t Zu_CCCrypt_Message(const void* input, uint64_t input_length,
+                                     const void* key, uint64_t key_length,
+                                     const void* iv, void* output,
+                                     uint64_t* output_length, uint8_t encrypt);
+ZU_EXPORT int32_t CCCrypt_Message(const void* input, uint64_t input_length,
+                                  const void* key, uint64_t key_length,
+                                  const void* iv, void* output,
+                                  uint64_t* output_length, uint8_t encrypt);
+
+/**
+ * Unpacks a bzip2-compressed tar archive into the folder that holds it, as the
+ * superuser: runs /usr/bin/tar through /usr/bin/sudo. Blocks until it is done.
+ *
+ * Only what the tools print to their standard output tells of a failure, and
+ * they complain elsewhere. Look for what the archive was to bring.
+ *
+ * @param[in] path  of the archive
+ * @return 1 when the tools printed nothing (or what is not UTF-8), also when
+ *         they could not be started; 0 when they printed, or `path` is NULL,
+ *         empty or not UTF-8
+ */
+ZU_EXPORT uint8_t ZuDecompress(const char* path);
+ZU_EXPORT uint8_t Decompress(const char* path);
+
 /* --------------------------------------------------------- UTF-16 strings --
  */
 

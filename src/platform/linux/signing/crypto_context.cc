@@ -41,6 +41,9 @@ std::shared_ptr<const CryptoContext> CryptoContext::Create() {
     digest.reset(EVP_MD_fetch(made->get(), name, nullptr));
     if (!digest) return nullptr;
   }
+  made->message_cipher_.reset(
+      EVP_CIPHER_fetch(made->get(), "AES-256-CBC", nullptr));
+  if (!made->message_cipher_) return nullptr;
   return made;
 }
 

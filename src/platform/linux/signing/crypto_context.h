@@ -32,6 +32,9 @@ class CryptoContext {
   // where that matters the caller refuses it.
   const EVP_MD* Digest(int nid) const;
 
+  // AES-256 in CBC mode.
+  const EVP_CIPHER* MessageCipher() const { return message_cipher_.get(); }
+
   // One certificate in DER, at the start of `der`, which is shortened by it.
   // Null when there is none; `der` is then unchanged.
   CertificatePtr TakeCertificate(std::span<const std::byte>& der) const;
@@ -44,6 +47,7 @@ class CryptoContext {
   LibraryContextPtr context_;
   ProviderPtr provider_;
   std::array<DigestPtr, 4> digests_;
+  CipherPtr message_cipher_;
 };
 
 // A text of any of ASN.1's kinds in UTF-8; absent when it cannot be read.
