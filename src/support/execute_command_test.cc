@@ -81,6 +81,12 @@ TEST_F(RunnerTest, GivesTheOutputOrNothing) {
        "/bin/cat\0/proc/self/cmdline\0|\0a b\0\0$HOME;`id`\0"s,
        nullptr,
        {"/proc/self/cmdline", "|", "a b", "", "$HOME;`id`"}},
+      // Options in the launch path, unless it is there as it stands.
+      {"/bin/echo -n -e", [] {}, "a b", nullptr, {"a b"}},
+      {"/bin/zu -n",
+       [] { WriteFile("/bin/zu -n", "#!/bin/sh\necho $#", 0755); }, "0\n"},
+      {"/bin/none -n", [] {}, {}, kNoAccess},
+      {"/bin/echo n", [] {}, {}, kNoAccess},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
@@ -158,25 +164,33 @@ TEST_F(RunnerTest, SlowToolDelaysNobodyElse) {
 }
 
 // Hosts that treat their children, or their standard descriptors, in ways of
-// their own. The arguments name the descriptors to close; none: the host has
-// its children reaped by the system.
+// their own: the system reaps the children, a thread of the host does, or the
+// descriptors that the arguments name are closed.
 const test::ChildScenario kOddHost(
-    "OddHost", [](const test::Arguments& closed) {
+    "OddHost", [](const test::Arguments& arguments) {
       const size_t threads = CountThreads();
-      if (closed.empty()) ::signal(SIGCHLD, SIG_IGN);
-      for (const std::string& each : closed) ::close(std::stoi(each));
+      std::jthread thief;
+      if (arguments[0] == "steals") {
+        thief = test::StealChildren();
+      } else if (arguments[0] == "ignores") {
+        ::signal(SIGCHLD, SIG_IGN);
+      } else {
+        for (const std::string& each : arguments) ::close(std::stoi(each));
+      }
       for (int i = 0; i < 20; ++i) {
         const Output output = ExecuteCommand::Run("/bin/echo", {"heard"});
         if (output != "heard\n") return output ? 4 : 3;
       }
-      EXPECT_TRUE(WaitUntil(
-          [=] { return !HasChildren() && CountThreads() == threads; }));
+      EXPECT_TRUE(WaitUntil([] { return !HasChildren(); }));
+      thief = {};
+      EXPECT_TRUE(WaitUntil([=] { return CountThreads() == threads; }));
       return 0;
     });
 
 TEST_F(RunnerTest, OddHosts) {
-  for (const test::Arguments& closed : {test::Arguments{}, {"1"}, {"1", "2"}}) {
-    EXPECT_EQ(test::RunInChild(kOddHost, closed).status, 0) << closed.size();
+  for (const test::Arguments& arguments :
+       {test::Arguments{"ignores"}, {"steals"}, {"1"}, {"1", "2"}}) {
+    EXPECT_EQ(test::RunInChild(kOddHost, arguments).status, 0) << arguments[0];
   }
   EXPECT_THAT(log_.Take(), IsEmpty());
   EXPECT_EQ(test::RunInChild(kOddHost, {"0"}).status, 3);

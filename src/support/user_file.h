@@ -23,13 +23,19 @@ struct FileAttributes {
 // in it is ever named by a path: what is done is done to open descriptors.
 class UserDirectory {
  public:
-  // Opens the directory that `path` ("a/b/c") names from `trusted` on. Absent,
-  // with errno, when a component is missing, a link or no directory.
-  [[nodiscard]] static std::optional<UserDirectory> Open(int trusted,
-                                                         std::string_view path);
+  // Opens the directory that `path` ("a/b/c") names from `trusted` on. Those on
+  // the way that are missing are made when there are attributes for them, which
+  // they get whatever the umask. Absent, with errno, when a component is still
+  // missing, a link or no directory.
+  [[nodiscard]] static std::optional<UserDirectory> Open(
+      int trusted, std::string_view path,
+      const FileAttributes* for_missing = nullptr);
 
   // Owner, group and permissions; absent when they cannot be examined.
   [[nodiscard]] std::optional<FileAttributes> Attributes() const;
+
+  // Gives it these, as far as the caller's rights go.
+  void SetAttributes(const FileAttributes& attributes) const;
 
   // Puts a file with these bytes in the place of `name`, whatever that was, in
   // one step: readers see the old one or the new one whole. A link is replaced
