@@ -687,6 +687,149 @@ ZU_EXPORT int32_t CCCrypt_Message(const void* input, uint64_t input_length,
 ZU_EXPORT uint8_t ZuDecompress(const char* path);
 ZU_EXPORT uint8_t Decompress(const char* path);
 
+/* ------------------------------------------------- services and extensions --
+ */
+
+/**
+ * Start and stop the agent's components with the system's tools, which wants
+ * root's rights. Each blocks until the tool has ended and gives 1 when that
+ * printed nothing, also when it could not be started: what these tools complain
+ * about on their standard error is not seen. 0 otherwise, and for a NULL name.
+ * Stopping a service whose property list is gone gives 0, and runs nothing.
+ */
+ZU_EXPORT uint32_t ZuStartZuService(void);
+ZU_EXPORT uint32_t ZuStopZuService(void);
+ZU_EXPORT uint32_t ZuStartZuExtension(void);
+ZU_EXPORT uint32_t ZuStopZuExtension(void);
+ZU_EXPORT uint32_t ZuStartOrvexService(void);
+ZU_EXPORT uint32_t ZuStopOrvexService(void);
+ZU_EXPORT uint32_t ZuStartZuKext(void);
+ZU_EXPORT uint32_t ZuStopZuKext(void);
+ZU_EXPORT uint32_t ZuStartOrvexKext(void);
+ZU_EXPORT uint32_t ZuStopOrvexKext(void);
+
+/** A launch daemon, by its property list's name in /Library/LaunchDaemons/. */
+ZU_EXPORT uint32_t StartService(const char* plist_name);
+ZU_EXPORT uint32_t StopService(const char* plist_name);
+/** A kernel extension: started by its bundle's name in /Library/Extensions/,
+ *  stopped by its bundle's identifier. */
+ZU_EXPORT uint32_t StartKext(const char* kext_file_name);
+ZU_EXPORT uint32_t StopKext(const char* bundle_id);
+
+/**
+ * Starts the updater and leaves it to itself: nobody waits for it, and it stays
+ * no zombie. It has the host's standard streams and no other descriptor, no
+ * blocked signal, and an environment of two variables: "DYLD_LIBRARY_PATH", its
+ * own directory, and "MONO_REGISTRY_PATH" as the host has it.
+ *
+ * @param launch_path        the program
+ * @param working_directory  where it runs
+ * @param first_argument     of the two that it gets
+ * @param second_argument    the other
+ * @return 1 when it was started; 0 when a text is NULL or empty, the program is
+ *         not executable, the directory not there, or the host itself has no
+ *         "MONO_REGISTRY_PATH" (an empty one is passed on)
+ */
+ZU_EXPORT uint32_t ZuStartZuUpdater(const char* launch_path,
+                                    const char* working_directory,
+                                    const char* first_argument,
+                                    const char* second_argument);
+ZU_EXPORT uint32_t StartZuUpdater(const char* launch_path,
+                                  const char* working_directory,
+                                  const char* first_argument,
+                                  const char* second_argument);
+
+/* --------------------------------------------------------------- UI agent --
+ */
+
+/**
+ * Starts the per-user UI agent in the graphical sessions of users, after it has
+ * been unloaded everywhere. Blocks until the tools have ended. Only the first
+ * user's command line is a clean one: what is left of a user's last command
+ * stands before the next user's words, and hosts that start several users call
+ * once for each.
+ *
+ * @param users  user identifiers; may be NULL when `count` is 0
+ * @param count  their number
+ * @return 1 when it was started for at least one, or `count` is 0; else 0
+ */
+ZU_EXPORT uint32_t ZuStartZuUI(const uint32_t* users, uint32_t count);
+ZU_EXPORT uint32_t StartZuUI(const uint32_t* users, uint32_t count);
+
+/**
+ * Ends the UI processes of all users and tells whose they were. What arguments
+ * one ran with is kept in the file "uiArgs" in its user's application-support
+ * directory, which has mode 0777 like the file. Blocks until the tools have
+ * ended.
+ *
+ * @param[out]    users  gets the user identifier of each process
+ * @param[in,out] count  In: capacity of `users`, which has to be at least one
+ *                       more than there are processes. Out: entries written, or
+ *                       with 0 the capacity that it takes; unchanged when there
+ *                       is nothing to stop.
+ * @return 1, also when there is nothing to stop; 0 when an argument is NULL or
+ *         `*count` 0 or too small
+ */
+ZU_EXPORT uint32_t ZuStopZuUI(uint32_t* users, uint32_t* count);
+ZU_EXPORT uint32_t StopZuUI(uint32_t* users, uint32_t* count);
+
+/* --------------------------------------------------- accounts and ownership --
+ */
+
+/** Identifier of the calling thread, system-wide, cut to 32 bits. */
+ZU_EXPORT uint32_t ZuGetCurrentThreadId(void);
+ZU_EXPORT uint32_t GetCurrentThreadId(void);
+
+/** Identifier of a user or a group by name, which must not be NULL; 0 when it
+ * is unknown, as for the superuser. May ask the network, where the system's
+ *  databases lie there. */
+ZU_EXPORT uint32_t ZuGetUserUid(const char* name);
+ZU_EXPORT uint32_t GetUserUid(const char* name);
+ZU_EXPORT uint32_t ZuGetGroupGid(const char* name);
+ZU_EXPORT uint32_t GetGroupGid(const char* name);
+
+/**
+ * The groups that a user belongs to, the primary one among them.
+ *
+ * @param         uid     user identifier
+ * @param[out]    groups  array of group identifiers
+ * @param[in,out] count   In: capacity in entries. Out: how many there are
+ *                        (macOS: at most the capacity); 0 for an unknown user.
+ * @return 0; -1 when there are more than `groups` takes
+ */
+ZU_EXPORT int32_t ZuGetGroupsForUser(uint32_t uid, uint32_t* groups,
+                                     int32_t* count);
+
+/**
+ * Change the owner or the permissions of a file with the system's tools, and
+ * block until these have ended. They give 1 when the tool printed nothing, also
+ * when it could not be started; else 0.
+ */
+
+/** Makes the user at the current terminal, as "who -m" tells, the owner of a
+ *  file. 0 also when that tells nobody, or `path` is NULL or empty. */
+ZU_EXPORT uint8_t ZuChangeFileOwnerToCurrentUser(const char* path);
+ZU_EXPORT uint8_t ChangeFileOwnerToCurrentUser(const char* path);
+
+/** Changes owner and group of a file, or of a directory and all that it holds,
+ *  through sudo. 0 also when a text is NULL or empty, or the path not there. */
+ZU_EXPORT uint8_t ZuChangeFileOwnerGroup(const char* path, const char* user,
+                                         const char* group);
+ZU_EXPORT uint8_t ChangeFileOwnerGroup(const char* path, const char* user,
+                                       const char* group);
+
+/**
+ * Changes the permissions of a file.
+ *
+ * @param path       of the file; 0 when it is NULL, empty or not there
+ * @param mode       as the chmod tool takes it; 0 when it is NULL
+ * @param recursive  not 0: and of all that the directory holds
+ */
+ZU_EXPORT uint8_t ZuChangeFilePermissions(const char* path, const char* mode,
+                                          int32_t recursive);
+ZU_EXPORT uint8_t ChangeFilePermissions(const char* path, const char* mode,
+                                        int32_t recursive);
+
 /* --------------------------------------------------------- UTF-16 strings --
  */
 
