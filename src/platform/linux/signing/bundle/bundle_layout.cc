@@ -6,7 +6,6 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/linux/property_list.h"
 #include "platform/linux/signing/file_content.h"
 
 namespace zu::platform {
@@ -46,9 +45,8 @@ bool IsFileName(std::string_view name) {
 
 // CFBundleExecutable; empty when the dictionary does not say.
 std::string ExecutableName(const std::string& info_dictionary) {
-  const auto bytes = ReadRegularFile(info_dictionary, PropertyList::kMaxSize);
-  if (!bytes) return {};
-  const std::optional<PropertyList> list = PropertyList::Parse(*bytes);
+  const std::optional<PropertyList> list =
+      ReadInformationDictionary(info_dictionary);
   if (!list) return {};
   const auto value = list->root().Find("CFBundleExecutable");
   const auto name = value ? value->AsString() : std::nullopt;
@@ -60,6 +58,12 @@ std::string ExecutableName(const std::string& info_dictionary) {
 bool LiesInside(const std::string& path) { return RealPath(path) == path; }
 
 }  // namespace
+
+std::optional<PropertyList> ReadInformationDictionary(const std::string& file) {
+  const auto bytes = ReadRegularFile(file, PropertyList::kMaxSize);
+  if (!bytes) return std::nullopt;
+  return PropertyList::Parse(*bytes);
+}
 
 std::optional<BundleLayout> FindBundle(const std::string& directory) {
   const std::string path = RealPath(directory);
