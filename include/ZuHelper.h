@@ -687,6 +687,227 @@ ZU_EXPORT int32_t CCCrypt_Message(const void* input, uint64_t input_length,
 ZU_EXPORT uint8_t ZuDecompress(const char* path);
 ZU_EXPORT uint8_t Decompress(const char* path);
 
+/* ----------------------------------------------- bundles, Mach-O versions --
+ */
+
+/**
+ * Describes the bundle that a file lies in, or that the path names, as a JSON
+ * object: "ProductName" (the bundle's identifier, on purpose), "Copyright" and
+ * "Version", each only when the bundle tells. A bundle that tells nothing gives
+ * "{}". The bundle's path is the file's, cut behind the first ".app" in it,
+ * wherever that stands; without one behind the first ".bundle", ".framework",
+ * ".plugin" or ".kext".
+ *
+ * @param[in]     path    of a file or directory
+ * @param[out]    buffer  gets the JSON text, without NUL, when it takes all of
+ *                        it; else nothing
+ * @param[in,out] size    In: capacity of `buffer` in bytes. Out: length of the
+ *                        text; unchanged when the result is 0.
+ * @return 1; 0 when an argument is NULL, nothing exists at the path, it lies in
+ *         no bundle, or a value cannot be told in JSON
+ */
+ZU_EXPORT uint32_t ZuGetExecutableInfo(const char* path, char* buffer,
+                                       uint32_t* size);
+ZU_EXPORT uint32_t GetExecutableInfo(const char* path, char* buffer,
+                                     uint32_t* size);
+
+/** Result of the two functions below when they fail. */
+#define ZU_MACHO_FAILED 0xFFFFFFFFu
+
+/**
+ * The version that a Mach-O library declares for itself, from the first slice
+ * of the file that declares one. Any file may be asked about.
+ *
+ * @param[out] version  major version in the upper 16 bits, then minor and patch
+ *                      in 8 bits each, as the file has it: slices of the other
+ *                      byte order give it reversed. Untouched on failure.
+ * @return 1; 0 when the file cannot be read, is not Mach-O or is no library
+ */
+ZU_EXPORT uint32_t ZuGetDylibVersion(const char* path, uint32_t* version);
+
+/**
+ * As ZuGetDylibVersion, with the compatibility version behind the version.
+ *
+ * @param[out] info  array of two 32-bit integers
+ * @param      size  its size in bytes, which has to be 8
+ * @return 0, or ZU_MACHO_FAILED
+ */
+ZU_EXPORT uint32_t machoGetDylibInfo(const char* path, void* info,
+                                     uint64_t size);
+
+/**
+ * The version text in the section "__version" of the segment "__DATA" of a
+ * 32-bit slice. The bytes are copied as they are, without a NUL of ours.
+ *
+ * @param[out] buffer  gets the text when it is larger than that
+ * @param      size    capacity of `buffer` in bytes; less than 0 counts as 0
+ * @return 0; ZU_MACHO_FAILED when the file cannot be read or has no such text.
+ *         Otherwise `buffer` is too small, and this is the size of the segment
+ *         in the file: with one byte more it is large enough. When a further
+ *         32-bit segment follows in the file a `buffer` that is too small gives
+ *         0 and gets nothing.
+ */
+ZU_EXPORT uint32_t ZuGetZubrantDylibVersion(const char* path, char* buffer,
+                                            int32_t size);
+ZU_EXPORT uint32_t machoGetVersionString(const char* path, char* buffer,
+                                         int32_t size);
+
+/* -------------------------------------------------------- security posture --
+ */
+
+/**
+ * Probes of the system's security settings. Each runs one tool of the system,
+ * blocks until it has ended and looks for one text in what it prints. The first
+ * four give 1 also when the tool prints nothing (it may complain elsewhere),
+ * and 0 when it cannot be started.
+ */
+
+/** 0 when the packet filter's tool says that it is off, else 1. Asks through
+ *  sudo, which must not want a password. */
+ZU_EXPORT uint8_t ZuIsFireWallOn(void);
+ZU_EXPORT uint8_t IsFireWallOn(void);
+
+/** 0 when the setting for automatic checks for updates reads 1, else 1: this
+ *  one is the other way round, and hosts know it. */
+ZU_EXPORT uint8_t ZuIsAutoCheckUpdateEnabled(void);
+ZU_EXPORT uint8_t IsAutoCheckUpdateEnabled(void);
+
+/** 0 when the tool says that the disk's encryption is off, else 1. */
+ZU_EXPORT uint8_t ZuIsFileVaultEnabled(void);
+ZU_EXPORT uint8_t IsFileVaultEnabled(void);
+
+/** 0 when the tool says that programs are not assessed, else 1. */
+ZU_EXPORT uint8_t ZuIsGateKeeperEnabled(void);
+ZU_EXPORT uint8_t IsGateKeeperEnabled(void);
+
+/**
+ * Whether the user at the console has managed settings, such as restrictions of
+ * web sites. Aborts the process where the system's store of such facts cannot
+ * be reached at all.
+ *
+ * @return 1 when the directory's tool prints anything, 0 when it prints nothing
+ *         or cannot be started; -1 when there is no user at the console (or the
+ *         login window is), or the user is listed in the group "admin"
+ */
+ZU_EXPORT int32_t ZuWebSitesRestricationLevel(void);
+ZU_EXPORT int32_t WebSitesRestricationLevel(void);
+
+/* --------------------------------------------------------------- identity --
+ */
+
+/** The system's version (from gOSVersion; versions that are reported as 10.16
+ *  are corrected from the system's own file) and its revision (see
+ *  GetOSRevision). Writes nothing when a pointer is NULL. */
+ZU_EXPORT void GetOSVersion(uint32_t* major, uint32_t* minor, uint32_t* patch,
+                            uint32_t* revision);
+
+/** The kernel's revision number as the sysctl tool tells it; 0 when it does
+ *  not. Blocks until the tool has ended. */
+ZU_EXPORT int32_t ZuGetOSRevision(void);
+ZU_EXPORT int32_t GetOSRevision(void);
+
+/**
+ * The processor's architecture ("x86_64", "arm64", on Linux "aarch64").
+ *
+ * @param[out] buffer    zeroed, then gets the name; one that is as long as the
+ *                       capacity or longer is cut and has no NUL
+ * @param      capacity  in bytes; below 4 nothing is written
+ */
+ZU_EXPORT void GetSystemArchitecture(char* buffer, int32_t capacity);
+
+/**
+ * A property of the machine, by the platform's name for it. On Linux
+ * "IOPlatformSerialNumber", "IOPlatformUUID", "model" and "manufacturer", from
+ * the firmware's tables (some of which only root can read).
+ *
+ * @param[in]  name      of the property
+ * @param[out] buffer    gets the text and a NUL; empty when the machine does
+ * not tell or the text does not fit
+ * @param      capacity  in bytes; 0 or less writes nothing
+ */
+ZU_EXPORT void GetPlatformProperty(const char* name, char* buffer,
+                                   int32_t capacity);
+
+/**
+ * The computer's name. Asks no name server on Linux.
+ *
+ * @param      network   not 0: the name in the network; 0: the one for people
+ * @param[out] buffer    gets the name and a NUL; an empty text when it does not
+ *                       fit
+ * @param      capacity  in bytes; 0 or less writes nothing
+ * @return 1; 0 when the name does not fit or there is none
+ */
+ZU_EXPORT uint32_t ZuGetHostName(int32_t network, char* buffer,
+                                 int32_t capacity);
+ZU_EXPORT uint32_t GetHostName(int32_t network, char* buffer, int32_t capacity);
+
+/**
+ * The version of the agent's product on this machine.
+ *
+ * @param[out] buffer    gets the version and a NUL when its length is below the
+ *                       capacity; else nothing
+ * @param      capacity  in bytes
+ * @return 1; 0 when that fails or the product is not installed
+ */
+ZU_EXPORT uint32_t ZuGetProductVersion(char* buffer, int32_t capacity);
+ZU_EXPORT uint32_t GetProductVersion(char* buffer, int32_t capacity);
+
+/** The edition of the user interface that is installed: 1, 2 or 3; 0 when there
+ *  is none. Blocks until a tool has ended. */
+ZU_EXPORT uint32_t ZuGetInstallationType(void);
+ZU_EXPORT uint32_t getInstallationType(void);
+
+/* ---------------------------------------------- kernel settings and volumes --
+ */
+
+/** Bits of ZuGetRootlessConfig: restrictions of the system that are off. */
+#define ZU_ROOTLESS_KEXT_SIGNING 1u
+#define ZU_ROOTLESS_FILESYSTEM 2u
+#define ZU_ROOTLESS_TASK_FOR_PID 4u /**< Only together with all the others. */
+#define ZU_ROOTLESS_DEBUGGING 8u
+#define ZU_ROOTLESS_APPLE_INTERNAL 16u
+#define ZU_ROOTLESS_DTRACE 32u
+#define ZU_ROOTLESS_NVRAM 64u
+
+/**
+ * Which of the system's integrity restrictions a custom configuration has
+ * switched off, from what the csrutil tool prints. Protection that is off as a
+ * whole gives 0: only lines about single restrictions count.
+ *
+ * @param[out] flags  ZU_ROOTLESS_... bits; untouched on failure
+ * @return 0; 5 when the tool prints nothing or cannot be started, 14 when
+ * memory is short. ZuGetRootlessConfig: -1 on systems before 10.11 and when
+ *         `flags` is NULL.
+ */
+ZU_EXPORT int32_t ZuGetRootlessConfig(uint32_t* flags);
+ZU_EXPORT int32_t GetRootlessConfig(uint32_t* flags);
+
+/**
+ * The kernel's setting "vm.shared_region_unnest_logging", which Linux does not
+ * have. One that ZuSetSharedRegionUnnestLogging has changed gets the value that
+ * it had when the library was loaded back when the library is unloaded; with
+ * the function without the prefix it stays changed.
+ *
+ * @return 0; -1 with errno when the kernel refuses or has no such setting. The
+ *         getter: 22 when `value` is NULL.
+ */
+ZU_EXPORT int32_t ZuSetSharedRegionUnnestLogging(uint32_t value);
+ZU_EXPORT int32_t SetSharedRegionUnnestLogging(uint32_t value);
+ZU_EXPORT int32_t GetSharedRegionUnnestLogging(uint32_t* value);
+
+/** Whether names that differ in case only are different at a path: 1 yes, 0 no,
+ *  -1 when that cannot be told (errno says why) or `path` is NULL. */
+ZU_EXPORT int64_t ZuIsVolumeCaseSensitive(const char* path);
+ZU_EXPORT int64_t IsVolumeCaseSensitive(const char* path);
+
+/**
+ * Whether a path lies on a volume of this machine: 0 when it does not, also
+ * when it lies in a mounted image whose file does not, and for "/dev"; else 1,
+ * also when that cannot be told or `path` is NULL.
+ */
+ZU_EXPORT uint8_t ZuIsParentPathLocal(const char* path);
+ZU_EXPORT uint8_t isParentPathLocal(const char* path);
+
 /* --------------------------------------------------------- UTF-16 strings --
  */
 
