@@ -2,7 +2,6 @@
 
 #include "system/kernel_settings.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include "platform/kernel_setting.h"
 #include "support/execute_command.h"
 #include "support/guarded.h"
+#include "support/text_lines.h"
 
 namespace {
 
@@ -35,28 +35,14 @@ constexpr uint32_t kAllLabels =
     ZU_ROOTLESS_KEXT_SIGNING | ZU_ROOTLESS_FILESYSTEM | ZU_ROOTLESS_DEBUGGING |
     ZU_ROOTLESS_APPLE_INTERNAL | ZU_ROOTLESS_DTRACE | ZU_ROOTLESS_NVRAM;
 
-// Up to what ends a line in Unicode text: for a regular expression's "$" that
-// is more than a line feed.
-std::string_view FirstLine(std::string_view text) {
-  text = text.substr(0, text.find_first_of("\n\v\f\r"));
-  for (const char* separator : {"\u0085", "\u2028", "\u2029"}) {
-    text = text.substr(0, text.find(separator));
-  }
-  return text;
-}
-
 uint32_t ParseRootlessConfig(std::string_view text) {
   uint32_t flags = 0;
   while (!text.empty()) {
-    const std::string_view line = FirstLine(text);
-    if (line.find("disabled") != line.npos) {
-      for (const Restriction& restriction : kRestrictions) {
-        if (line.find(restriction.label) != line.npos)
-          flags |= restriction.flag;
-      }
+    const std::string_view line = zu::TakeLine(text);
+    if (line.find("disabled") == line.npos) continue;
+    for (const Restriction& restriction : kRestrictions) {
+      if (line.find(restriction.label) != line.npos) flags |= restriction.flag;
     }
-    // Bytes that a separator leaves at the next line's start match nothing.
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
   }
   // With all others this one is off as well, but no line tells.
   return flags == kAllLabels ? flags | ZU_ROOTLESS_TASK_FOR_PID : flags;

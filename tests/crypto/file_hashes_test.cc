@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -138,12 +139,13 @@ TEST_F(FileHashesTest, WritesNothingUnlessItSucceeds) {
   }
 }
 
-// Pieces of odd sizes, each after the reader has taken all before it and
-// waits; and signals that would end its calls.
+std::atomic<int> g_signals{0};
+
+// Pieces of odd sizes, each after the reader has taken all before it, and a
+// signal has ended its wait.
 TEST_F(FileHashesTest, ReadsAPipeToItsEnd) {
-  struct sigaction action {
-  }, before{};
-  action.sa_handler = [](int) {};  // No SA_RESTART.
+  struct sigaction action = {}, before = {};
+  action.sa_handler = [](int) { ++g_signals; };  // No SA_RESTART.
   ASSERT_EQ(::sigaction(SIGUSR1, &action, &before), 0);
   ::unlink("/tmp/pipe");
   ASSERT_EQ(::mkfifo("/tmp/pipe", 0600), 0);
@@ -159,7 +161,9 @@ TEST_F(FileHashesTest, ReadsAPipeToItsEnd) {
       return ::ioctl(pipe, FIONREAD, &left) == 0 && left == 0;
     };
     while (done < message.size() && WaitUntil(drained)) {
+      const int signals = g_signals;
       ::pthread_kill(caller, SIGUSR1);
+      if (!WaitUntil([=] { return g_signals != signals; })) break;
       const size_t size =
           std::min<size_t>(message.size() - done, 1 + random() % 65536);
       if (::write(pipe, message.data() + done, size) !=

@@ -7,18 +7,14 @@
 #include <string_view>
 
 #include "platform/linux/signing/file_content.h"
+#include "support/allocated.h"
 
 namespace zu::platform {
 namespace {
 
-struct FreeDeleter {
-  void operator()(char* text) const { std::free(text); }
-};
-
 // Absolute and without symbolic links; empty when there is no such thing.
 std::string RealPath(const std::string& path) {
-  const std::unique_ptr<char, FreeDeleter> real(
-      ::realpath(path.c_str(), nullptr));
+  const Allocated<char> real(::realpath(path.c_str(), nullptr));
   return real ? real.get() : std::string();
 }
 
