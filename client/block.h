@@ -11,16 +11,13 @@
 #include <utility>
 
 #include "ZuClient.h"
+#include "support/allocated.h"
 
 namespace zu::client {
 
-struct FreeDeleter {
-  void operator()(char* data) const noexcept { std::free(data); }
-};
-
 // `size` bytes and a NUL behind them; no data when memory was short.
 struct Block {
-  std::unique_ptr<char, FreeDeleter> data;
+  Allocated<char> data;
   size_t size = 0;
 };
 

@@ -27,7 +27,9 @@ foreach(zu_language C CXX OBJCXX)
   # The SDK behind zig's own headers, and as system headers: their warnings are
   # none of ours.
   string(CONCAT CMAKE_${zu_language}_FLAGS_INIT "-fblocks "
-    "-iframework ${ZU_SDK}/Frameworks -idirafter ${ZU_SDK}/include")
+    "-iframework ${ZU_SDK}/Frameworks "
+    "-iframework ${CMAKE_CURRENT_LIST_DIR}/macos "
+    "-idirafter ${ZU_SDK}/include")
   # zig's linker knows no list of exported names, so visibility decides alone.
   set(CMAKE_${zu_language}_VISIBILITY_PRESET hidden)
   # CMake's form of this, two arguments behind -Xlinker, is too much for zig.
@@ -37,8 +39,8 @@ foreach(zu_language C CXX OBJCXX)
 endforeach()
 foreach(zu_kind SHARED EXE)
   string(CONCAT CMAKE_${zu_kind}_LINKER_FLAGS_INIT
-    "-F${ZU_SDK}/Frameworks -L${ZU_SDK}/lib "
-    "-L${CMAKE_CURRENT_LIST_DIR}/macos -lallocation")
+    "-F${ZU_SDK}/Frameworks -F${CMAKE_CURRENT_LIST_DIR}/macos "
+    "-L${ZU_SDK}/lib -L${CMAKE_CURRENT_LIST_DIR}/macos -lallocation")
 endforeach()
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 

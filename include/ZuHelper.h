@@ -686,6 +686,493 @@ ZU_EXPORT int32_t CCCrypt_Message(const void* input, uint64_t input_length,
  */
 ZU_EXPORT uint8_t ZuDecompress(const char* path);
 ZU_EXPORT uint8_t Decompress(const char* path);
+/* ------------------------------------------------------------- processes -- */
+
+/** Statuses of the process functions. */
+#define ZU_PROCESS_OK 0u
+#define ZU_PROCESS_NO_MEMORY 3u
+#define ZU_PROCESS_BAD_ARGUMENT 4u
+#define ZU_PROCESS_NO_DATA 5u
+#define ZU_PROCESS_EXCEPTION 14u
+#define ZU_PROCESS_NO_PATH 18u
+#define ZU_PROCESS_NO_TABLE 0xFFFFFFFFu
+
+/** One record of the process table, in bytes, and where it holds (as 32-bit
+ *  integers) the identifiers of the process and of its parent. */
+#define ZU_PROCESS_RECORD_SIZE 648u
+#define ZU_PROCESS_RECORD_PID 40u
+#define ZU_PROCESS_RECORD_PARENT 560u
+
+/**
+ * Reads the process table: one record a process, which on macOS is the kernel's
+ * struct kinfo_proc, on Linux zero but for the two identifiers, in ascending
+ * order of them.
+ *
+ * @param[out] buffer  the records, for the caller to free()
+ * @param[out] length  their size in bytes
+ * @return ZU_PROCESS_OK, ZU_PROCESS_NO_MEMORY, or ZU_PROCESS_NO_TABLE when the
+ *         table cannot be read (on macOS also when it grew meanwhile); `buffer`
+ *         and `length` are then of no use
+ */
+ZU_EXPORT uint32_t GetProcessesInfo(void** buffer, size_t* length);
+
+/**
+ * Lists the identifiers of all processes, in the table's order.
+ *
+ * @param[out]    pids   array of `*count` entries; those behind the ones
+ *                       written stay as they are. May be NULL when `*count` is
+ *                       0 or less.
+ * @param[in,out] count  In: capacity in entries. Out: number of processes,
+ *                       which exceeds the capacity when the list was cut.
+ * @return as GetProcessesInfo, with `*count` unchanged on failure
+ */
+ZU_EXPORT uint32_t ListProcesses(int32_t* pids, int32_t* count);
+
+/**
+ * Always reports no children, which is what hosts of this interface rely on.
+ *
+ * @param      pid    process identifier
+ * @param      pids   never written
+ * @param[out] count  0
+ * @return as GetProcessesInfo; ZU_PROCESS_NO_DATA when memory is short after
+ *         the table was read; `*count` is unchanged on failure
+ */
+ZU_EXPORT uint32_t ListChildProcesses(int32_t pid, int32_t* pids,
+                                      int32_t* count);
+
+/**
+ * Collects all descendants of a process: its children in the table's order,
+ * then in the same way the descendants of each of them. No identifier is added
+ * twice, so cycles end.
+ *
+ * @param[in,out] found        array with room for `table_count` more entries
+ * @param[in]     table        records as from GetProcessesInfo
+ * @param         table_count  their number
+ * @param         parent       process identifier
+ * @param[in,out] found_count  entries in `found`
+ */
+ZU_EXPORT void _markChildProcesses(int32_t* found, const void* table,
+                                   int32_t table_count, int32_t parent,
+                                   int32_t* found_count);
+
+/**
+ * Lists the names of the users who are logged in, each once and with its NUL,
+ * in a buffer that is zeroed first. From the login records, which are processed
+ * by a cursor that the whole process shares: one thread at a time. On Linux
+ * systems without login records, from the login manager's sessions.
+ *
+ * Provide a buffer that takes all names: from the first name that does not fit
+ * on, names are left out, and nothing tells.
+ *
+ * @param[out] buffer  array of `*size` bytes
+ * @param[in]  size    pointer to its capacity in bytes
+ * @return 0
+ */
+ZU_EXPORT uint32_t GetActiveUsers(char* buffer, const int32_t* size);
+
+/** 1 when the process runs 64-bit code (x86_64 or arm64), also when that cannot
+ *  be told or there is no such process; 0 when it does not. */
+ZU_EXPORT uint32_t IsProcess64bits(int32_t pid);
+
+/**
+ * The right to read another process's memory. macOS: its task port, which the
+ * caller owns. Linux: nothing to own; the process's identifier, when the kernel
+ * lets the caller read that process.
+ *
+ * @param      pid   process identifier; the caller's own always succeeds
+ * @param[out] task  the task; on failure, nothing of use
+ * @return 0, or the kernel's status (kern_return_t; on Linux 5, "failure")
+ */
+ZU_EXPORT int32_t GetMachTask(int32_t pid, uint32_t* task);
+
+/** 1 when the process exists and may be signalled by the caller. Otherwise 0,
+ *  and errno is ESRCH, whatever the reason. */
+ZU_EXPORT uint32_t IsProcessRunning(int32_t pid);
+
+/**
+ * The path of a process's executable.
+ *
+ * @param         pid     process identifier, not 0
+ * @param[out]    buffer  gets the path and a NUL when it takes both, else
+ *                        nothing
+ * @param[in,out] size    In: capacity of `buffer` in bytes, at least 1. Out, on
+ *                        success: the path's length without its NUL; `buffer`
+ *                        was too small unless that is below the capacity.
+ * @return ZU_PROCESS_OK; ZU_PROCESS_BAD_ARGUMENT for a 0 or NULL;
+ *         ZU_PROCESS_NO_PATH when the system does not tell
+ */
+ZU_EXPORT uint32_t GetProcessFullPath(int32_t pid, char* buffer,
+                                      uint32_t* size);
+
+/** Sends SIGTERM to every member of the process's group.
+ *  @return 0; -1 with errno when that fails or there is no such process */
+ZU_EXPORT int32_t KillProcess(int32_t pid);
+
+/**
+ * The calling process's name.
+ *
+ * @param[out]    buffer  gets the name in UTF-8 and a NUL, cut to whole
+ *                        characters that fit, when the name's length is below
+ *                        the capacity; else nothing
+ * @param[in,out] size    In: capacity of `buffer` in bytes. Out: the name's
+ *                        length in UTF-16 code units; leave room for letters of
+ *                        several bytes.
+ * @return 1; 0 when the process has no name, with `*size` unchanged
+ */
+ZU_EXPORT uint32_t GetCurrentProcessName(char* buffer, uint64_t* size);
+
+/**
+ * Lists the paths of the executable images in a process, main executable first,
+ * each with its NUL: with the first method below and, when that fails, with the
+ * second (which is not tried for process 1 on systems from 10.14 on).
+ *
+ * @param         pid     process identifier, not 0
+ * @param[out]    buffer  gets the entries that fit, in order
+ * @param[in,out] size    In: capacity of `buffer` in bytes, at least 1. Out:
+ *                        bytes that the whole list needs; unchanged when the
+ *                        status is not 0, or when the second method declines
+ * @return ZU_PROCESS_OK, also when the list was cut; ZU_PROCESS_BAD_ARGUMENT
+ *         for a 0 or NULL; else the status of the last method tried
+ */
+ZU_EXPORT uint32_t GetProcessModules(int32_t pid, char* buffer, uint32_t* size);
+
+/**
+ * First method: reads the dynamic loader's list in the target's memory, with
+ * 64-bit layout. Duplicates stay. Arguments as above, unchecked.
+ *
+ * @return ZU_PROCESS_OK; the kernel's status when the target may not be read
+ *         (on Linux 5); ZU_PROCESS_NO_DATA when its memory gave nothing
+ */
+ZU_EXPORT uint32_t GetProcessModules_Old(int32_t pid, char* buffer,
+                                         uint32_t* size);
+
+/**
+ * Second method: runs /usr/bin/vmmap and takes the executable mappings from its
+ * text; a path that is part of one already listed is left out. When the list
+ * was cut, its entries end with newlines instead of NULs. From version 10.16 on
+ * a process signed by the vendor is skipped, with a line in the log. Arguments
+ * as above, unchecked. Blocks until the tool has ended.
+ *
+ * @return ZU_PROCESS_OK; ZU_PROCESS_NO_DATA when the tool prints nothing or
+ *         cannot be started (as on systems without it); ZU_PROCESS_EXCEPTION
+ *         when memory is short
+ */
+ZU_EXPORT uint32_t GetProcessModulesImpl(int32_t pid, char* buffer,
+                                         uint32_t* size);
+
+/* -------------------------------------------------- performance counters -- */
+
+/**
+ * Figures about the calling process, each function's in an array of the
+ * caller's, of which it says how many slots there are. A NULL array or one with
+ * too few slots gives 0 and is not written. The baselines of what is counted
+ * from call to call are one for the process and have no lock: poll from one
+ * thread.
+ *
+ * Sets the baseline of ZuGetCPUsages, to be called once before that. Without it
+ * the first call measures from the clock's start.
+ */
+ZU_EXPORT void ZuInitializePeroformanceCounters(void);
+ZU_EXPORT void InitializeCounters(void);
+
+#define ZU_CPU_SLOTS 5u
+/**
+ * Use of processors since the last call.
+ *
+ * @param[out] slots  0: number of processors; 1: seconds since
+ *                    ZuInitializePeroformanceCounters; 2: percent in all,
+ *                    3: in user mode, 4: in the kernel. Of one processor, so
+ *                    four busy ones are 400; from whole seconds of processor
+ *                    time, so poll at intervals of many seconds.
+ * @param      count  number of slots, at least ZU_CPU_SLOTS
+ * @return 1; 0 for bad arguments
+ */
+ZU_EXPORT uint8_t ZuGetCPUsages(uint64_t* slots, uint32_t count);
+ZU_EXPORT uint8_t GetCPUsages(uint64_t* slots, uint32_t count);
+
+#define ZU_MEMORY_SLOTS 10u
+/**
+ * Memory, in KiB.
+ *
+ * @param[out] slots  0: virtual size; 1: resident, 2: its peak; 3: internal
+ *                    (Linux: anonymous resident), 4: its peak; 5: compressed
+ *                    (Linux: swapped), 6: its peak; 7: purgeable; 8: kernel
+ *                    private; 9: kernel shared. 0 where the system has no such
+ *                    thing: on Linux the peaks of 3 and 5, and 7 to 9.
+ * @param      count  number of slots, at least ZU_MEMORY_SLOTS
+ * @return 1; 0 for bad arguments or when the system does not tell (slots 0 to 7
+ *         may be written then)
+ */
+ZU_EXPORT uint8_t ZuGetMemoryStatistics(uint64_t* slots, uint32_t count);
+ZU_EXPORT uint8_t GetMemoryStatistics(uint64_t* slots, uint32_t count);
+
+#define ZU_EVENT_SLOTS 7u
+/**
+ * Kernel events since the last call; the first call counts from the process's
+ * start.
+ *
+ * @param[out] slots  0: page faults; 1: copy-on-write faults; 2: Mach messages
+ *                    sent, 3: received; 4: page-ins (Linux: major faults). 1 to
+ *                    3 are 0 on Linux. 5 and 6 are not written.
+ * @param      count  number of slots, at least ZU_EVENT_SLOTS
+ * @return 1; 0 for bad arguments or when the system does not tell
+ */
+ZU_EXPORT uint8_t ZuGetMachEventStatistics(uint64_t* slots, uint32_t count);
+ZU_EXPORT uint8_t GetMachEventStatistics(uint64_t* slots, uint32_t count);
+
+#define ZU_DESCRIPTOR_SLOTS 2u
+/**
+ * Open descriptors.
+ *
+ * @param[out] slots  0: those that are not sockets; 1: sockets, which is 0
+ *                    whenever the call succeeds
+ * @param      count  number of slots, at least ZU_DESCRIPTOR_SLOTS
+ * @return 1; 0 for bad arguments, when the system does not tell, and whenever
+ *         the process holds a socket, which hosts know
+ */
+ZU_EXPORT uint8_t ZuGetOpenedFileAndSockCnnections(uint64_t* slots,
+                                                   uint32_t count);
+ZU_EXPORT uint8_t GetOpenedFileAndSockCnnections(uint64_t* slots,
+                                                 uint32_t count);
+
+#define ZU_MISC_SLOTS 2u
+/**
+ * Threads, and the system's memory pressure as the sysctl tool tells it.
+ * Blocks until the tool has ended.
+ *
+ * @param[out] slots  0: threads of this process; 1: memory-pressure level, 0
+ *                    when the tool does not tell
+ * @param      count  number of slots, at least ZU_MISC_SLOTS
+ * @return 1; 0 for bad arguments or when the system does not tell
+ */
+ZU_EXPORT uint8_t ZuGetMiscStatistics(uint64_t* slots, uint32_t count);
+ZU_EXPORT uint8_t GetMiscStatistics(uint64_t* slots, uint32_t count);
+
+/** How long nobody has used keyboard or pointer, in units of 2^30 ns (about
+ *  1.07 s); UINT64_MAX when the system does not tell. On Linux from the login
+ *  manager's idle hint, else from the terminals of those logged in. */
+ZU_EXPORT uint64_t SystemIdleTime(void);
+
+/* ----------------------------------------------- bundles, Mach-O versions --
+ */
+
+/**
+ * Describes the bundle that a file lies in, or that the path names, as a JSON
+ * object: "ProductName" (the bundle's identifier, on purpose), "Copyright" and
+ * "Version", each only when the bundle tells. A bundle that tells nothing gives
+ * "{}". The bundle's path is the file's, cut behind the first ".app" in it,
+ * wherever that stands; without one behind the first ".bundle", ".framework",
+ * ".plugin" or ".kext".
+ *
+ * @param[in]     path    of a file or directory
+ * @param[out]    buffer  gets the JSON text, without NUL, when it takes all of
+ *                        it; else nothing
+ * @param[in,out] size    In: capacity of `buffer` in bytes. Out: length of the
+ *                        text; unchanged when the result is 0.
+ * @return 1; 0 when an argument is NULL, nothing exists at the path, it lies in
+ *         no bundle, or a value cannot be told in JSON
+ */
+ZU_EXPORT uint32_t ZuGetExecutableInfo(const char* path, char* buffer,
+                                       uint32_t* size);
+ZU_EXPORT uint32_t GetExecutableInfo(const char* path, char* buffer,
+                                     uint32_t* size);
+
+/** Result of the two functions below when they fail. */
+#define ZU_MACHO_FAILED 0xFFFFFFFFu
+
+/**
+ * The version that a Mach-O library declares for itself, from the first slice
+ * of the file that declares one. Any file may be asked about.
+ *
+ * @param[out] version  major version in the upper 16 bits, then minor and patch
+ *                      in 8 bits each, as the file has it: slices of the other
+ *                      byte order give it reversed. Untouched on failure.
+ * @return 1; 0 when the file cannot be read, is not Mach-O or is no library
+ */
+ZU_EXPORT uint32_t ZuGetDylibVersion(const char* path, uint32_t* version);
+
+/**
+ * As ZuGetDylibVersion, with the compatibility version behind the version.
+ *
+ * @param[out] info  array of two 32-bit integers
+ * @param      size  its size in bytes, which has to be 8
+ * @return 0, or ZU_MACHO_FAILED
+ */
+ZU_EXPORT uint32_t machoGetDylibInfo(const char* path, void* info,
+                                     uint64_t size);
+
+/**
+ * The version text in the section "__version" of the segment "__DATA" of a
+ * 32-bit slice. The bytes are copied as they are, without a NUL of ours.
+ *
+ * @param[out] buffer  gets the text when it is larger than that
+ * @param      size    capacity of `buffer` in bytes; less than 0 counts as 0
+ * @return 0; ZU_MACHO_FAILED when the file cannot be read or has no such text.
+ *         Otherwise `buffer` is too small, and this is the size of the segment
+ *         in the file: with one byte more it is large enough. When a further
+ *         32-bit segment follows in the file a `buffer` that is too small gives
+ *         0 and gets nothing.
+ */
+ZU_EXPORT uint32_t ZuGetZubrantDylibVersion(const char* path, char* buffer,
+                                            int32_t size);
+ZU_EXPORT uint32_t machoGetVersionString(const char* path, char* buffer,
+                                         int32_t size);
+
+/* -------------------------------------------------------- security posture --
+ */
+
+/**
+ * Probes of the system's security settings. Each runs one tool of the system,
+ * blocks until it has ended and looks for one text in what it prints. The first
+ * four give 1 also when the tool prints nothing (it may complain elsewhere),
+ * and 0 when it cannot be started.
+ */
+
+/** 0 when the packet filter's tool says that it is off, else 1. Asks through
+ *  sudo, which must not want a password. */
+ZU_EXPORT uint8_t ZuIsFireWallOn(void);
+ZU_EXPORT uint8_t IsFireWallOn(void);
+
+/** 0 when the setting for automatic checks for updates reads 1, else 1: this
+ *  one is the other way round, and hosts know it. */
+ZU_EXPORT uint8_t ZuIsAutoCheckUpdateEnabled(void);
+ZU_EXPORT uint8_t IsAutoCheckUpdateEnabled(void);
+
+/** 0 when the tool says that the disk's encryption is off, else 1. */
+ZU_EXPORT uint8_t ZuIsFileVaultEnabled(void);
+ZU_EXPORT uint8_t IsFileVaultEnabled(void);
+
+/** 0 when the tool says that programs are not assessed, else 1. */
+ZU_EXPORT uint8_t ZuIsGateKeeperEnabled(void);
+ZU_EXPORT uint8_t IsGateKeeperEnabled(void);
+
+/**
+ * Whether the user at the console has managed settings, such as restrictions of
+ * web sites. Aborts the process where the system's store of such facts cannot
+ * be reached at all.
+ *
+ * @return 1 when the directory's tool prints anything, 0 when it prints nothing
+ *         or cannot be started; -1 when there is no user at the console (or the
+ *         login window is), or the user is listed in the group "admin"
+ */
+ZU_EXPORT int32_t ZuWebSitesRestricationLevel(void);
+ZU_EXPORT int32_t WebSitesRestricationLevel(void);
+
+/* --------------------------------------------------------------- identity --
+ */
+
+/** The system's version (from gOSVersion; versions that are reported as 10.16
+ *  are corrected from the system's own file) and its revision (see
+ *  GetOSRevision). Writes nothing when a pointer is NULL. */
+ZU_EXPORT void GetOSVersion(uint32_t* major, uint32_t* minor, uint32_t* patch,
+                            uint32_t* revision);
+
+/** The kernel's revision number as the sysctl tool tells it; 0 when it does
+ *  not. Blocks until the tool has ended. */
+ZU_EXPORT int32_t ZuGetOSRevision(void);
+ZU_EXPORT int32_t GetOSRevision(void);
+
+/**
+ * The processor's architecture ("x86_64", "arm64", on Linux "aarch64").
+ *
+ * @param[out] buffer    zeroed, then gets the name; one that is as long as the
+ *                       capacity or longer is cut and has no NUL
+ * @param      capacity  in bytes; below 4 nothing is written
+ */
+ZU_EXPORT void GetSystemArchitecture(char* buffer, int32_t capacity);
+
+/**
+ * A property of the machine, by the platform's name for it. On Linux
+ * "IOPlatformSerialNumber", "IOPlatformUUID", "model" and "manufacturer", from
+ * the firmware's tables (some of which only root can read).
+ *
+ * @param[in]  name      of the property
+ * @param[out] buffer    gets the text and a NUL; empty when the machine does
+ * not tell or the text does not fit
+ * @param      capacity  in bytes; 0 or less writes nothing
+ */
+ZU_EXPORT void GetPlatformProperty(const char* name, char* buffer,
+                                   int32_t capacity);
+
+/**
+ * The computer's name. Asks no name server on Linux.
+ *
+ * @param      network   not 0: the name in the network; 0: the one for people
+ * @param[out] buffer    gets the name and a NUL; an empty text when it does not
+ *                       fit
+ * @param      capacity  in bytes; 0 or less writes nothing
+ * @return 1; 0 when the name does not fit or there is none
+ */
+ZU_EXPORT uint32_t ZuGetHostName(int32_t network, char* buffer,
+                                 int32_t capacity);
+ZU_EXPORT uint32_t GetHostName(int32_t network, char* buffer, int32_t capacity);
+
+/**
+ * The version of the agent's product on this machine.
+ *
+ * @param[out] buffer    gets the version and a NUL when its length is below the
+ *                       capacity; else nothing
+ * @param      capacity  in bytes
+ * @return 1; 0 when that fails or the product is not installed
+ */
+ZU_EXPORT uint32_t ZuGetProductVersion(char* buffer, int32_t capacity);
+ZU_EXPORT uint32_t GetProductVersion(char* buffer, int32_t capacity);
+
+/** The edition of the user interface that is installed: 1, 2 or 3; 0 when there
+ *  is none. Blocks until a tool has ended. */
+ZU_EXPORT uint32_t ZuGetInstallationType(void);
+ZU_EXPORT uint32_t getInstallationType(void);
+
+/* ---------------------------------------------- kernel settings and volumes --
+ */
+
+/** Bits of ZuGetRootlessConfig: restrictions of the system that are off. */
+#define ZU_ROOTLESS_KEXT_SIGNING 1u
+#define ZU_ROOTLESS_FILESYSTEM 2u
+#define ZU_ROOTLESS_TASK_FOR_PID 4u /**< Only together with all the others. */
+#define ZU_ROOTLESS_DEBUGGING 8u
+#define ZU_ROOTLESS_APPLE_INTERNAL 16u
+#define ZU_ROOTLESS_DTRACE 32u
+#define ZU_ROOTLESS_NVRAM 64u
+
+/**
+ * Which of the system's integrity restrictions a custom configuration has
+ * switched off, from what the csrutil tool prints. Protection that is off as a
+ * whole gives 0: only lines about single restrictions count.
+ *
+ * @param[out] flags  ZU_ROOTLESS_... bits; untouched on failure
+ * @return 0; 5 when the tool prints nothing or cannot be started, 14 when
+ * memory is short. ZuGetRootlessConfig: -1 on systems before 10.11 and when
+ *         `flags` is NULL.
+ */
+ZU_EXPORT int32_t ZuGetRootlessConfig(uint32_t* flags);
+ZU_EXPORT int32_t GetRootlessConfig(uint32_t* flags);
+
+/**
+ * The kernel's setting "vm.shared_region_unnest_logging", which Linux does not
+ * have. One that ZuSetSharedRegionUnnestLogging has changed gets the value that
+ * it had when the library was loaded back when the library is unloaded; with
+ * the function without the prefix it stays changed.
+ *
+ * @return 0; -1 with errno when the kernel refuses or has no such setting. The
+ *         getter: 22 when `value` is NULL.
+ */
+ZU_EXPORT int32_t ZuSetSharedRegionUnnestLogging(uint32_t value);
+ZU_EXPORT int32_t SetSharedRegionUnnestLogging(uint32_t value);
+ZU_EXPORT int32_t GetSharedRegionUnnestLogging(uint32_t* value);
+
+/** Whether names that differ in case only are different at a path: 1 yes, 0 no,
+ *  -1 when that cannot be told (errno says why) or `path` is NULL. */
+ZU_EXPORT int64_t ZuIsVolumeCaseSensitive(const char* path);
+ZU_EXPORT int64_t IsVolumeCaseSensitive(const char* path);
+
+/**
+ * Whether a path lies on a volume of this machine: 0 when it does not, also
+ * when it lies in a mounted image whose file does not, and for "/dev"; else 1,
+ * also when that cannot be told or `path` is NULL.
+ */
+ZU_EXPORT uint8_t ZuIsParentPathLocal(const char* path);
+ZU_EXPORT uint8_t isParentPathLocal(const char* path);
 
 /* ------------------------------------------------- services and extensions --
  */
@@ -718,9 +1205,10 @@ ZU_EXPORT uint32_t StopKext(const char* bundle_id);
 
 /**
  * Starts the updater and leaves it to itself: nobody waits for it, and it stays
- * no zombie. It has the host's standard streams and no other descriptor, no
- * blocked signal, and an environment of two variables: "DYLD_LIBRARY_PATH", its
- * own directory, and "MONO_REGISTRY_PATH" as the host has it.
+ * no zombie. It has a process group of its own, the host's standard streams and
+ * no other descriptor, no blocked signal, and an environment of two variables:
+ * "DYLD_LIBRARY_PATH", its own directory, and "MONO_REGISTRY_PATH" as the host
+ * has it.
  *
  * @param launch_path        the program
  * @param working_directory  where it runs

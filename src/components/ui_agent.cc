@@ -26,14 +26,8 @@ constexpr char kPropertyList[] =
 // user interface would have to load it.
 constexpr uint32_t kDomainsSince = 10010000;
 
-// Also of a tool that could not be started.
-bool IsEmpty(const std::optional<std::string>& text) {
-  return !text || text->empty();
-}
-
-// The tool is silent when all went well.
 bool RunLaunchctl(const Texts& words) {
-  return IsEmpty(ExecuteCommand::Run("/bin/launchctl", words));
+  return ExecuteCommand::RunsSilently("/bin/launchctl", words);
 }
 
 // `words` comes with what the user before has left, and goes with what is left
@@ -95,7 +89,7 @@ bool Stop(uint32_t* users, uint32_t& count) {
   const std::optional<std::string> name = ReadUiName();
   if (FindEdition(name) == 0) return true;
   const auto list = ExecuteCommand::Run("/usr/bin/pgrep", {*name});
-  if (IsEmpty(list)) return true;
+  if (!list || list->empty()) return true;
   const Texts pids = Split(*list, "\n");
   if (pids.size() > count) {
     count = static_cast<uint32_t>(pids.size());

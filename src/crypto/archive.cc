@@ -1,8 +1,5 @@
 // Extraction of archives.
 
-#include <optional>
-#include <string>
-
 #include "ZuHelper.h"
 #include "support/execute_command.h"
 #include "support/guarded.h"
@@ -12,10 +9,10 @@
 uint8_t Decompress(const char* path) {
   if (path == nullptr || *path == '\0' || !zu::IsValidUtf8(path)) return 0;
   return zu::Guarded(__func__, uint8_t{0}, [path]() -> uint8_t {
-    const std::optional<std::string> output = zu::ExecuteCommand::Run(
-        "/usr/bin/sudo",
-        {"/usr/bin/tar", "-C", zu::WithoutLastComponent(path), "-jxf", path});
-    // Tools that could not be started have printed nothing either.
-    return !output || output->empty() ? 1 : 0;
+    return zu::ExecuteCommand::RunsSilently(
+               "/usr/bin/sudo", {"/usr/bin/tar", "-C",
+                                 zu::WithoutLastComponent(path), "-jxf", path})
+               ? 1
+               : 0;
   });
 }

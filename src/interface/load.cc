@@ -10,6 +10,7 @@
 #include "server/semaphore.h"
 #include "server/server.h"
 #include "support/child_reaper.h"
+#include "system/kernel_settings.h"
 #include "watchdog/watchdog.h"
 
 extern "C" {
@@ -31,6 +32,7 @@ pid_t g_loading_process = 0;
 void InitializePlatform() {
   const platform::OsVersion version = platform::ReadOsVersion();
   gOSVersion = version.major * 1000000 + version.minor * 1000 + version.patch;
+  system::KeepUnnestLogging();
   ::pthread_mutex_init(&g_IP_timer_mutex, nullptr);
   ::pthread_mutex_init(&g_cert_mutex, nullptr);
 }
@@ -43,6 +45,7 @@ void FinalizePlatform() {
   ::pthread_mutex_destroy(&g_IP_timer_mutex);
   server::LeaveSemaphore();
   UnRegisterPowerSource();
+  system::RestoreUnnestLogging();
 }
 
 // A forked child shares what its parent still uses (the named semaphore, the

@@ -8,16 +8,14 @@
 
 #include "platform/ipc.h"
 #include "platform/json.h"
+#include "support/allocated.h"
 
 namespace zu::server {
 
 // A text buffer on the heap, with room behind `capacity` bytes of text for the
 // NUL at that index and for what the parser reads beyond.
 struct HeapBuffer {
-  struct Free {
-    void operator()(char* allocated) const { std::free(allocated); }
-  };
-  std::unique_ptr<char, Free> memory;
+  Allocated<char> memory;
   size_t capacity = 0;
 };
 

@@ -43,4 +43,14 @@ std::optional<gid_t> FindGroup(const char* name) {
               [](const group& entry) { return entry.gr_gid; });
 }
 
+bool GroupLists(const char* group_name, std::string_view user) {
+  return Find(&::getgrnam_r, group_name,
+              [user](const group& entry) {
+                char** member = entry.gr_mem;
+                while (*member != nullptr && *member != user) ++member;
+                return *member != nullptr;
+              })
+      .value_or(false);
+}
+
 }  // namespace zu

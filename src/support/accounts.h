@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace zu {
 
@@ -19,6 +20,10 @@ struct User {
 [[nodiscard]] std::optional<User> FindUser(uid_t user);
 [[nodiscard]] std::optional<User> FindUser(const char* name);
 [[nodiscard]] std::optional<gid_t> FindGroup(const char* name);
+
+// Whether the group's own list names the user, byte for byte. The primary group
+// of a user is not asked about.
+[[nodiscard]] bool GroupLists(const char* group, std::string_view user);
 
 }  // namespace zu
 

@@ -66,6 +66,16 @@ bool IsValidUtf8(std::string_view text) {
   return true;
 }
 
+size_t CountUtf16Units(std::string_view text) {
+  size_t units = 0;
+  for (const char c : text) {
+    const auto byte = static_cast<uint8_t>(c);
+    units += (byte & 0xC0) != 0x80;
+    units += byte >= 0xF0;  // A pair for a character of four bytes.
+  }
+  return units;
+}
+
 std::optional<size_t> EncodeUtf8(std::span<const uint16_t> units,
                                  char* destination) {
   char* out = destination;

@@ -1,4 +1,4 @@
-// UTF-8: checking what tools print, and writing it.
+// UTF-8: checking what tools print, counting and writing it.
 #ifndef ZU_SUPPORT_UTF8_H_
 #define ZU_SUPPORT_UTF8_H_
 
@@ -14,6 +14,9 @@ namespace zu {
 // overlong forms, surrogates and code points above U+10FFFF are not. NULs are
 // characters like any other.
 [[nodiscard]] bool IsValidUtf8(std::string_view text);
+
+// The UTF-16 units of a well-formed text.
+[[nodiscard]] size_t CountUtf16Units(std::string_view text);
 
 // The most bytes that one UTF-16 unit takes (a pair, being two units, takes 4).
 inline constexpr size_t kUtf8BytesPerUnit = 3;

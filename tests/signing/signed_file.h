@@ -47,8 +47,7 @@ class SignedFile {
       case Format::kUniversal:
         WriteBytes(
             path_,
-            BuildUniversal(
-                {intel, BuildMachO({.cpu_type = platform::kCpuTypeArm64})}));
+            BuildUniversal({intel, BuildMachO({.cpu_type = kCpuTypeArm64})}));
         break;
       case Format::kBundle:
         fs::create_directories(path_ / "Contents/MacOS");

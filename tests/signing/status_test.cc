@@ -321,8 +321,7 @@ TEST_F(StatusTest, OfUniversalFiles) {
   const SignedFile file(Format::kMachO);
   file.Sign(nullptr);
   const std::vector<std::byte> intel = ReadBytes(file.code());
-  const std::vector<std::byte> arm =
-      BuildMachO({.cpu_type = platform::kCpuTypeArm64});
+  const std::vector<std::byte> arm = BuildMachO({.cpu_type = kCpuTypeArm64});
   WriteBytes(file.code(), BuildUniversal({arm, intel}));
 #if defined(__x86_64__)
   EXPECT_EQ(GetBundleSignatureStatus(file.path()), ZU_SIGNATURE_VALID);
@@ -331,8 +330,7 @@ TEST_F(StatusTest, OfUniversalFiles) {
 #endif
   EXPECT_EQ(Ask(file.path()).plain, ZU_SIGNATURE_NONE);
   // 32-bit code is native nowhere: the first slice stands for the file.
-  const std::vector<std::byte> old =
-      BuildMachO({.cpu_type = platform::kCpuTypeX86});
+  const std::vector<std::byte> old = BuildMachO({.cpu_type = kCpuTypeX86});
   WriteBytes(file.code(), BuildUniversal({old, old}, true));
   EXPECT_EQ(Ask(file.path()), kNothing);
 }

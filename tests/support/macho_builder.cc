@@ -11,9 +11,6 @@
 namespace zu::test {
 namespace {
 
-using platform::ByteOrder;
-using platform::MachOHeader;
-
 uint64_t RoundUp(uint64_t value, uint64_t alignment) {
   return (value + alignment - 1) / alignment * alignment;
 }
@@ -28,7 +25,7 @@ class Writer {
   void PutWord(uint64_t value) { is_64_ ? Put64(value) : Put32(value); }
   void PutName(std::string_view name) {
     PutText(name);
-    bytes_.resize(bytes_.size() + platform::kNameSize - name.size());
+    bytes_.resize(bytes_.size() + kNameSize - name.size());
   }
   void PutText(std::string_view text) {
     const auto bytes = std::as_bytes(std::span(text));
@@ -57,16 +54,14 @@ class Writer {
   template <typename T>
   void Put(T value) {
     bytes_.resize(bytes_.size() + sizeof(T));
-    platform::StoreInteger(std::span(bytes_), bytes_.size() - sizeof(T), value,
-                           order_);
+    StoreInteger(std::span(bytes_), bytes_.size() - sizeof(T), value, order_);
   }
   void Store32(size_t offset, size_t value) {
-    platform::StoreInteger(std::span(bytes_), offset,
-                           static_cast<uint32_t>(value), order_);
+    StoreInteger(std::span(bytes_), offset, static_cast<uint32_t>(value),
+                 order_);
   }
   void Add(size_t offset, size_t value) {
-    Store32(offset,
-            value + platform::LoadInteger<uint32_t>(bytes_, offset, order_));
+    Store32(offset, value + LoadInteger<uint32_t>(bytes_, offset, order_));
   }
 
   ByteOrder order_;
@@ -89,13 +84,12 @@ constexpr uint64_t kLinkEditSize = 32;
 Writer PutCommands(const MachOOptions& options, const Places& places) {
   const bool is_64 = (options.cpu_type >> 24) != 0;
   const uint32_t segment_command =
-      is_64 ? platform::kSegmentCommand64 : platform::kSegmentCommand32;
+      is_64 ? kSegmentCommand64 : kSegmentCommand32;
   Writer out(options.order, is_64);
-  out.Put32(is_64 ? platform::kMachOMagic64 : platform::kMachOMagic32);
+  out.Put32(is_64 ? kMachOMagic64 : kMachOMagic32);
   out.Put32(options.cpu_type);
-  out.Put32(options.cpu_type == platform::kCpuTypeArm64 ? 0 : 3);
-  out.Put32(options.dynamic_library ? platform::kDynamicLibraryType
-                                    : platform::kExecutableType);
+  out.Put32(options.cpu_type == kCpuTypeArm64 ? 0 : 3);
+  out.Put32(options.dynamic_library ? kDynamicLibraryType : kExecutableType);
   out.Put32(0);
   out.Put32(0);
   out.Put32(0x85);  // Complete, for the dynamic loader, two-level names.
@@ -151,9 +145,10 @@ Writer PutCommands(const MachOOptions& options, const Places& places) {
     out.Put32(places.text_size);
     out.Put32(kLinkEditSize);
   });
-  const auto put_library = [&](uint32_t type, std::string_view name) {
+  const auto put_library = [&](uint32_t type, uint32_t version,
+                               std::string_view name) {
     out.PutCommand(type, [&] {
-      for (const uint32_t value : {24u, 2u, 0x10000u, 0x10000u}) {
+      for (const uint32_t value : {24u, 2u, version, 0x10000u}) {
         out.Put32(value);
       }
       out.PutText(name);
@@ -161,7 +156,7 @@ Writer PutCommands(const MachOOptions& options, const Places& places) {
     });
   };
   if (options.dynamic_library) {
-    put_library(0xd, "@rpath/libtest.dylib");
+    put_library(0xd, options.library_version, "@rpath/libtest.dylib");
   } else {
     out.PutCommand(0xe, [&] {
       out.Put32(12);
@@ -173,7 +168,7 @@ Writer PutCommands(const MachOOptions& options, const Places& places) {
       out.Put64(0);
     });
   }
-  put_library(0xc, "/usr/lib/libSystem.B.dylib");
+  put_library(0xc, 0x10000, "/usr/lib/libSystem.B.dylib");
   return out;
 }
 
@@ -181,11 +176,9 @@ Writer PutCommands(const MachOOptions& options, const Places& places) {
 
 std::vector<std::byte> BuildMachO(const MachOOptions& options) {
   Places places;
-  places.page_size =
-      options.cpu_type == platform::kCpuTypeArm64 ? 0x4000 : 0x1000;
+  places.page_size = options.cpu_type == kCpuTypeArm64 ? 0x4000 : 0x1000;
   if (!options.dynamic_library) {
-    places.base =
-        options.cpu_type == platform::kCpuTypeX86 ? 0x1000 : 0x100000000;
+    places.base = options.cpu_type == kCpuTypeX86 ? 0x1000 : 0x100000000;
   }
   places.code = PutCommands(options, places).size() + options.room;
   places.info_dictionary = places.code + options.code_size;
@@ -207,11 +200,10 @@ std::vector<std::byte> BuildUniversal(
     const std::vector<std::vector<std::byte>>& images, bool is_64) {
   std::vector<platform::UniversalSlice> slices;
   for (const auto& image : images) {
-    const auto header = platform::ParseMachOHeader(image);
+    const auto header = ParseMachOHeader(image);
     if (!header) throw std::runtime_error("not an image");
     slices.push_back({header->cpu_type, header->cpu_subtype,
-                      header->cpu_type == platform::kCpuTypeArm64 ? 14u : 12u,
-                      image});
+                      header->cpu_type == kCpuTypeArm64 ? 14u : 12u, image});
   }
   return platform::EncodeUniversal(slices, is_64).value();
 }

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/linux/json_document.h"
+#include "support/allocated.h"
 #include "support/scoped_handle.h"
 
 namespace zu::platform {
@@ -103,10 +104,6 @@ ScopedPlist ConvertNode(const element& value) {
   return {};
 }
 
-struct Free {
-  void operator()(char* text) const { std::free(text); }
-};
-
 }  // namespace
 
 std::optional<std::string> PropertyListFromJson(std::string_view json) {
@@ -119,7 +116,7 @@ std::optional<std::string> PropertyListFromJson(std::string_view json) {
   char* written = nullptr;
   uint32_t size = 0;
   ::plist_to_xml(list.get(), &written, &size);
-  const std::unique_ptr<char, Free> text(written);
+  const Allocated<char> text(written);
   if (!text) return std::nullopt;
   return std::string(text.get(), size);
 }

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "platform/macos/cf_string.h"
 #include "platform/macos/scoped_refs.h"
 
 namespace zu::platform {
@@ -39,18 +40,6 @@ CodeRef CodeWith(CFTypeRef adopted) {
   ScopedCf<CFTypeRef> object(adopted);
   if (!object.valid()) return nullptr;
   return std::make_shared<const Code>(Code{std::move(object)});
-}
-
-std::string ToUtf8(CFStringRef string) {
-  const CFIndex length = ::CFStringGetLength(string);
-  CFIndex size = 0;
-  ::CFStringGetBytes(string, ::CFRangeMake(0, length), kCFStringEncodingUTF8, 0,
-                     false, nullptr, 0, &size);
-  std::string text(static_cast<size_t>(size), '\0');
-  ::CFStringGetBytes(string, ::CFRangeMake(0, length), kCFStringEncodingUTF8, 0,
-                     false, reinterpret_cast<UInt8*>(text.data()), size,
-                     nullptr);
-  return text;
 }
 
 std::optional<double> DateAt(CFDictionaryRef dictionary, CFStringRef key) {

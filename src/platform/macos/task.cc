@@ -3,19 +3,9 @@
 #include <mach/mach.h>
 #include <mach/mach_time.h>
 
+#include "platform/macos/task_information.h"
+
 namespace zu::platform {
-namespace {
-
-// `record` is the structure that `flavor` stands for, of `count` words.
-template <typename Record>
-bool ReadTask(task_flavor_t flavor, mach_msg_type_number_t count,
-              Record& record) {
-  return ::task_info(::mach_task_self(), flavor,
-                     reinterpret_cast<task_info_t>(&record),
-                     &count) == KERN_SUCCESS;
-}
-
-}  // namespace
 
 std::optional<uint64_t> ReadMemoryUse() {
   task_vm_info_data_t info{};

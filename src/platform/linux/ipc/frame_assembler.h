@@ -15,15 +15,13 @@
 #include <string_view>
 
 #include "platform/linux/ipc_frame.h"
+#include "support/allocated.h"
 
 namespace zu::platform {
 
 // Memory from the C library; of some size, it begins on a line of the cache:
 // copies of some tens of KiB into other places are many times slower.
-struct FreeBody {
-  void operator()(char* memory) const { std::free(memory); }
-};
-using Body = std::unique_ptr<char, FreeBody>;
+using Body = Allocated<char>;
 Body AllocateBody(size_t size);  // Null when memory is short.
 
 // A frame from a client. `body` is empty when it lies in the region, when there

@@ -1,7 +1,4 @@
-// Reading an open file that others may change or shorten meanwhile.
-//
-// By position and never through a mapping: a mapped file that shrinks kills
-// the process that looks at it.
+// Reading whole files that others may change or shorten meanwhile.
 #ifndef ZU_PLATFORM_LINUX_SIGNING_FILE_CONTENT_H_
 #define ZU_PLATFORM_LINUX_SIGNING_FILE_CONTENT_H_
 
@@ -15,13 +12,9 @@
 #include <vector>
 
 #include "platform/linux/signing/openssl_ptr.h"
+#include "support/read_at.h"
 
 namespace zu::platform {
-
-// Fills all of `destination` from the file's `offset` on. False when the file
-// ends before that or cannot be read; errno is 0 when it ended.
-[[nodiscard]] bool ReadAt(int descriptor, uint64_t offset,
-                          std::span<std::byte> destination);
 
 // All of a regular file; absent when it is none (a symbolic link, say), is
 // larger than `max_size` or cannot be read.
@@ -29,7 +22,8 @@ std::optional<std::vector<std::byte>> ReadRegularFile(const std::string& path,
                                                       uint64_t max_size);
 
 // Hands the file's first `size` bytes to `consume(span)` chunk by chunk. False
-// when they cannot be read (errno as above), or `consume` returned false.
+// when they cannot be read (errno as ReadAt has it), or `consume` returned
+// false.
 template <typename Consume>
 [[nodiscard]] bool ReadInChunks(int descriptor, uint64_t size, Consume consume);
 

@@ -6,20 +6,15 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/linux/property_list.h"
 #include "platform/linux/signing/file_content.h"
+#include "support/allocated.h"
 
 namespace zu::platform {
 namespace {
 
-struct FreeDeleter {
-  void operator()(char* text) const { std::free(text); }
-};
-
 // Absolute and without symbolic links; empty when there is no such thing.
 std::string RealPath(const std::string& path) {
-  const std::unique_ptr<char, FreeDeleter> real(
-      ::realpath(path.c_str(), nullptr));
+  const Allocated<char> real(::realpath(path.c_str(), nullptr));
   return real ? real.get() : std::string();
 }
 
@@ -46,9 +41,8 @@ bool IsFileName(std::string_view name) {
 
 // CFBundleExecutable; empty when the dictionary does not say.
 std::string ExecutableName(const std::string& info_dictionary) {
-  const auto bytes = ReadRegularFile(info_dictionary, PropertyList::kMaxSize);
-  if (!bytes) return {};
-  const std::optional<PropertyList> list = PropertyList::Parse(*bytes);
+  const std::optional<PropertyList> list =
+      ReadInformationDictionary(info_dictionary);
   if (!list) return {};
   const auto value = list->root().Find("CFBundleExecutable");
   const auto name = value ? value->AsString() : std::nullopt;
@@ -60,6 +54,12 @@ std::string ExecutableName(const std::string& info_dictionary) {
 bool LiesInside(const std::string& path) { return RealPath(path) == path; }
 
 }  // namespace
+
+std::optional<PropertyList> ReadInformationDictionary(const std::string& file) {
+  const auto bytes = ReadRegularFile(file, PropertyList::kMaxSize);
+  if (!bytes) return std::nullopt;
+  return PropertyList::Parse(*bytes);
+}
 
 std::optional<BundleLayout> FindBundle(const std::string& directory) {
   const std::string path = RealPath(directory);

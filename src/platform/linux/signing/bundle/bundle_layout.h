@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/linux/property_list.h"
+
 namespace zu::platform {
 
 // Absolute paths without symbolic links.
@@ -17,6 +19,10 @@ struct BundleLayout {
   std::string executable;
   std::string signature_directory;  // _CodeSignature, there or not.
 };
+
+// The information dictionary in a file; absent when that is no regular file
+// (not even a link to one) with a property list.
+std::optional<PropertyList> ReadInformationDictionary(const std::string& file);
 
 // The bundle in a directory: an application, a framework (with versions or
 // without), a kernel extension, a plug-in, any directory with an information

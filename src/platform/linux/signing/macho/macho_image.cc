@@ -127,6 +127,7 @@ bool ParseLoadCommands(std::span<const std::byte> commands, MachOSlice& slice) {
   return VisitLoadCommands(
       *header, commands,
       [&](uint32_t type, std::span<const std::byte> command) {
+        if (command.size() % 4 != 0) return false;
         if (type == kSignatureCommand) {
           return command.size() >= kSignatureCommandSize &&
                  set_once(slice.signature, header->Load32(command, 8),

@@ -13,13 +13,10 @@
 #include <vector>
 
 #include "platform/linux/signing/file_content.h"
+#include "support/allocated.h"
 
 namespace zu::platform {
 namespace {
-
-struct FreeDeleter {
-  void operator()(char* text) const { std::free(text); }
-};
 
 // Extended attributes that cannot be set (by this user, on this file system)
 // are left out.
@@ -50,8 +47,7 @@ bool Sync(int descriptor) {
 }  // namespace
 
 std::optional<FileRewriter> FileRewriter::Open(const std::string& path) {
-  const std::unique_ptr<char, FreeDeleter> real_path(
-      ::realpath(path.c_str(), nullptr));
+  const Allocated<char> real_path(::realpath(path.c_str(), nullptr));
   if (!real_path) return std::nullopt;
   FileRewriter rewriter;
   rewriter.path_ = real_path.get();

@@ -1,0 +1,192 @@
+#include "platform/volume.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include "support/file_descriptor.h"
+
+namespace zu::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+// File systems whose files are another machine's, as the mount table has their
+// names; from a virtual machine, its host is one. An automounter's directories
+// are places of what it will mount. File systems on network block devices are
+// not here: the volume is this machine's own.
+constexpr std::string_view kRemoteTypes[] = {
+    "9p",    "afs",   "autofs", "beegfs", "ceph",     "cifs",
+    "coda",  "gpfs",  "lustre", "ncpfs",  "nfs",      "nfs4",
+    "panfs", "pvfs2", "smb3",   "vboxsf", "virtiofs", "wekafs",
+};
+
+// File systems that fold case as a whole. Those that can do it by directory
+// have a flag there.
+struct CaseRule {
+  std::string_view type;
+  bool folds;
+  std::string_view other_way;  // The mount option that turns it round, if any.
+};
+constexpr CaseRule kCaseRules[] = {
+    {"vfat", true, "check=s"},
+    {"msdos", true, {}},
+    {"exfat", true, {}},
+    {"ntfs", true, "case_sensitive"},
+    {"ntfs3", false, "nocase"},
+    // A volume can be made case-sensitive, which only its header tells; hardly
+    // any is.
+    {"hfsplus", true, {}},
+    {"hfs", true, {}},
+    {"iso9660", false, "check=r"},
+    {"cifs", false, "nocase"},
+    {"smb3", false, "nocase"},
+};
+
+struct Mount {
+  unsigned major = 0;  // 0: the device number stands for no device.
+  unsigned minor = 0;
+  std::string type = {};
+  std::string source = {};
+  std::string options = {};  // The file system's own, "rw,name=value".
+};
+
+// The mount that `status` lies on, from the table in proc(5). Absent when the
+// table does not have it (behind a plain chroot, for instance) or is not there.
+std::optional<Mount> FindMount(const struct statx& status) {
+  const std::string start = std::to_string(status.stx_mnt_id) + " ";
+  std::ifstream table("/proc/self/mountinfo");
+  for (std::string line; std::getline(table, line);) {
+    if (!line.starts_with(start)) continue;
+    std::istringstream fields(line);
+    Mount mount;
+    std::string skipped;
+    fields >> skipped >> skipped >> mount.major;
+    fields.ignore(1, ':') >> mount.minor;
+    while (fields >> skipped && skipped != "-") continue;
+    if (fields >> mount.type >> mount.source) {
+      fields >> mount.options;
+      return mount;
+    }
+  }
+  return std::nullopt;
+}
+
+// False, with errno, when there is no such path. Nothing that a server would
+// have to be asked for is wanted.
+bool Examine(const char* path, struct statx& status) {
+  return ::statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_MNT_ID,
+                 &status) == 0;
+}
+
+bool IsRemote(const Mount& mount) {
+  // Behind FUSE stands a program, which may have its files from anywhere. The
+  // name of its kind ("fuse.sshfs") is free for its user to choose, so that no
+  // name can speak for it. On a block device the type is "fuseblk".
+  return mount.type == "fuse" || mount.type.starts_with("fuse.") ||
+         std::ranges::find(kRemoteTypes, mount.type) != std::end(kRemoteTypes);
+}
+
+bool FoldsCase(const Mount& mount) {
+  const auto rule = std::ranges::find(kCaseRules, mount.type, &CaseRule::type);
+  if (rule == std::end(kCaseRules)) return false;
+  std::istringstream options(mount.options);
+  for (std::string option; std::getline(options, option, ',');) {
+    if (option == rule->other_way) return !rule->folds;
+  }
+  return rule->folds;
+}
+
+// The file behind the block device that sysfs has at `device`, be it a loop
+// device, a partition of one, or built from such devices (encryption, logical
+// volumes). Real stacks are not as deep as the limit.
+std::optional<std::string> FindBackingFile(const fs::path& device,
+                                           int levels = 8) {
+  // A partition's directory lies in that of its disk.
+  for (const fs::path& disk : {device, device / ".."}) {
+    std::ifstream file(disk / "loop/backing_file");
+    std::string path(std::istreambuf_iterator<char>(file), {});
+    // Behind the name of an unlinked file stands " (deleted)": then that file
+    // cannot be found, but its folder can. A file outside of our tree has no
+    // absolute name.
+    if (path.starts_with('/') && path.ends_with('\n')) {
+      path.pop_back();
+      return path;
+    }
+    if (levels == 0) continue;
+    std::error_code error;
+    for (fs::directory_iterator part(disk / "slaves", error), end; part != end;
+         part.increment(error)) {
+      auto found = FindBackingFile(part->path(), levels - 1);
+      if (found) return found;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int64_t ReadCaseSensitivity(const char* path) {
+  struct statx status;
+  if (!Examine(path, status)) return -1;
+  const std::optional<Mount> mount = FindMount(status);
+  if (mount && FoldsCase(*mount)) return 0;
+
+  fs::path directory = path;
+  if (!S_ISDIR(status.stx_mode)) {
+    std::error_code error;
+    directory = fs::canonical(directory, error).parent_path();
+    if (error) {
+      errno = error.value();
+      return -1;
+    }
+  }
+  const FileDescriptor opened(
+      ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!opened.valid()) return -1;
+  int flags = 0;  // The request's number says long, the kernel stores an int.
+  // A file system without such flags folds nothing.
+  return ::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) == 0 &&
+                 (flags & FS_CASEFOLD_FL) != 0
+             ? 0
+             : 1;
+}
+
+std::optional<bool> IsLocalVolume(const std::string& path) {
+  struct statx status;
+  if (!Examine(path.c_str(), status)) return std::nullopt;
+  const std::optional<Mount> mount = FindMount(status);
+  return !mount || !IsRemote(*mount);
+}
+
+std::optional<std::string> ReadImageFile(const std::string& path) {
+  struct statx status;
+  if (!Examine(path.c_str(), status)) return std::nullopt;
+  std::optional<Mount> mount = FindMount(status);
+  if (!mount) return std::nullopt;
+  if (mount->major == 0) {
+    // Some file systems (btrfs) have numbers of their own, and name a device.
+    struct stat source;
+    if (!mount->source.starts_with('/') ||
+        ::stat(mount->source.c_str(), &source) != 0 ||
+        !S_ISBLK(source.st_mode)) {
+      return std::nullopt;
+    }
+    mount->major = major(source.st_rdev);
+    mount->minor = minor(source.st_rdev);
+  }
+  return FindBackingFile("/sys/dev/block/" + std::to_string(mount->major) +
+                         ":" + std::to_string(mount->minor));
+}
+
+}  // namespace zu::platform

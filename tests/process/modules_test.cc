@@ -1,0 +1,196 @@
+// The images of real processes, some of which are out to harm.
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <link.h>
+#include <linux/capability.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include "ZuHelper.h"
+#include "tests/process/paused_child.h"
+#include "tests/server/signed_test.h"
+#include "tests/support/system_log.h"
+
+namespace zu::test {
+namespace {
+
+using testing::ElementsAre;
+using Paths = std::vector<std::string>;
+
+// Absent when the first method fails.
+std::optional<Paths> ReadModules(pid_t pid) {
+  std::string buffer(1 << 20, '#');
+  auto size = static_cast<uint32_t>(buffer.size());
+  const uint32_t status = GetProcessModules_Old(pid, buffer.data(), &size);
+  EXPECT_TRUE(status == ZU_PROCESS_OK || status == ZU_PROCESS_NO_DATA);
+  if (status != ZU_PROCESS_OK) return std::nullopt;
+  Paths paths;
+  for (size_t at = 0; at < size; at += paths.back().size() + 1) {
+    paths.emplace_back(buffer.c_str() + at);
+  }
+  return paths;
+}
+
+// With what a library brings along, and one in a name space of its own.
+TEST(Modules, AreWhatIsMappedToRun) {
+  const PausedChild child([] {
+    ::dlopen("libresolv.so.2", RTLD_NOW);
+    ::dlmopen(LM_ID_NEWLM, "libutil.so.1", RTLD_NOW);
+  });
+  std::set<std::string> mapped;
+  std::ifstream maps("/proc/" + std::to_string(child.pid()) + "/maps");
+  for (std::string line; std::getline(maps, line);) {
+    const size_t path = line.find(" /");
+    if (path != line.npos && line.find(" r-xp ") != line.npos) {
+      mapped.insert(line.substr(path + 1));
+    }
+  }
+  std::set<std::string> listed;
+  const Paths paths = ReadModules(child.pid()).value();
+  for (const auto& path : paths) {
+    listed.insert(std::filesystem::canonical(path));
+  }
+  EXPECT_EQ(listed, mapped);
+}
+
+// Stopped before the first instruction; the second has no loader anyway.
+TEST(Modules, AreNoneBeforeTheLoader) {
+  for (const char* program : {"/bin/true", "/sbin/ldconfig"}) {
+    const auto start = [=] {
+      ::ptrace(PTRACE_TRACEME);
+      ::execl(program, program, nullptr);
+    };
+    const PausedChild child([] {}, start);
+    ::waitpid(child.pid(), nullptr, 0);
+    EXPECT_EQ(ReadModules(child.pid()),
+              Paths{std::filesystem::canonical(program)});
+  }
+}
+
+TEST(Modules, AreWrittenAsFarAsTheyFit) {
+  std::string all(1 << 16, '#');
+  auto needed = static_cast<uint32_t>(all.size());
+  ASSERT_EQ(GetProcessModules(::getpid(), all.data(), &needed), ZU_PROCESS_OK);
+  const auto first = static_cast<uint32_t>(all.find('\0') + 1);
+  const size_t last = all.rfind('\0', needed - 2) + 1;
+  for (const auto& [capacity, written] :
+       std::initializer_list<std::pair<uint32_t, size_t>>{
+           {1, 0}, {first, first}, {needed - 1, last}, {needed, needed}}) {
+    std::string buffer(all.size(), '#');
+    uint32_t size = capacity;
+    EXPECT_EQ(GetProcessModules(::getpid(), buffer.data(), &size), 0u);
+    EXPECT_EQ(size, needed);
+    EXPECT_EQ(buffer, all.substr(0, written) +
+                          std::string(buffer.size() - written, '#'));
+  }
+  uint32_t none = 0;
+  EXPECT_EQ(GetProcessModules(0, all.data(), &needed), ZU_PROCESS_BAD_ARGUMENT);
+  EXPECT_EQ(GetProcessModules(1, all.data(), &none), ZU_PROCESS_BAD_ARGUMENT);
+}
+
+// With its NUL, when it begins on a page.
+constexpr size_t kMaxPath = 65536;
+
+// The last bytes before memory that cannot be read, and no NUL in them.
+char* TextBeforeHole(size_t size) {
+  void* memory = ::mmap(nullptr, 3 * kMaxPath, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  char* hole = std::fill_n(static_cast<char*>(memory), 2 * kMaxPath, 'x');
+  ::mprotect(hole, kMaxPath, PROT_NONE);
+  return hole - size;
+}
+
+// Does its harm to the last image of its loader's list.
+TEST(Modules, OfAHarmfulProcessAreReadInBounds) {
+  Paths others = ReadModules(::getpid()).value();
+  others.pop_back();
+  Paths with_long_path = others;
+  with_long_path.emplace_back(kMaxPath - 1, 'x');
+  const struct {
+    const char* name;
+    void (*harm)(link_map& last);
+    std::optional<Paths> modules;
+  } kRows[] = {
+      {"cycle", [](auto& last) { last.l_next = last.l_prev; }, std::nullopt},
+      {"next in nothing",
+       [](auto& last) { last.l_next = reinterpret_cast<link_map*>(8); },
+       std::nullopt},
+      {"no path", [](auto& last) { *(last.l_name = TextBeforeHole(2)) = '\0'; },
+       others},
+      {"no end", [](auto& last) { last.l_name = TextBeforeHole(9); }, others},
+      {"long path",
+       [](auto& last) {
+         last.l_name = TextBeforeHole(kMaxPath);
+         last.l_name[kMaxPath - 1] = '\0';
+       },
+       with_long_path},
+      {"too long",
+       [](auto& last) {
+         last.l_name = TextBeforeHole(2 * kMaxPath);
+         last.l_name[kMaxPath] = '\0';
+       },
+       others}};
+  for (const auto& row : kRows) {
+    PausedChild child([&row] {
+      const ElfW(Dyn)* entry = _DYNAMIC;
+      while (entry->d_tag != DT_DEBUG) ++entry;
+      link_map* last = reinterpret_cast<r_debug*>(entry->d_un.d_ptr)->r_map;
+      while (last->l_next != nullptr) last = last->l_next;
+      row.harm(*last);
+    });
+    EXPECT_EQ(ReadModules(child.pid()), row.modules) << row.name;
+    EXPECT_EQ(WTERMSIG(child.End()), SIGKILL);  // It did not fall itself.
+  }
+}
+
+// Without capabilities, a process may not read one that has some.
+const ChildScenario kRefused("Refused", [](const Arguments& arguments) {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct nothing[2] = {};
+  EXPECT_EQ(::syscall(SYS_capset, &header, nothing), 0);
+  gOSVersion = static_cast<uint32_t>(std::stoul(arguments.at(1)));
+  char buffer[8] = "#######";
+  uint32_t size = sizeof buffer;
+  const uint32_t status =
+      GetProcessModules(std::stoi(arguments[0]), buffer, &size);
+  EXPECT_STREQ(buffer, status == ZU_PROCESS_OK ? "/a" : "#######");
+  EXPECT_EQ(size, status == ZU_PROCESS_OK ? 3 : sizeof buffer);
+  return static_cast<int>(status);
+});
+
+class SecondMethod : public SignedTest {};
+
+TEST_F(SecondMethod, IsForWhatTheFirstCannotRead) {
+  const std::string other = std::to_string(::getpid());
+  EXPECT_EQ(RunInChild(kRefused, {other, "10016000"}).status, 5);  // No tool.
+  const RecordingTool tool("/usr/bin/vmmap", "__TEXT /a\n");
+  EXPECT_EQ(RunInChild(kRefused, {"1", "10014000"}).status, 5);
+  EXPECT_TRUE(tool.Calls().empty());
+  EXPECT_EQ(RunInChild(kRefused, {"1", "10013999"}).status, 0);
+  EXPECT_EQ(RunInChild(kRefused, {other, "10016000"}).status, 0);
+  EXPECT_THAT(tool.Calls().at(1).arguments, ElementsAre("-w", other));
+}
+
+const ChildScenario kVendors("Vendors", [](const Arguments&) {
+  SystemLog log;
+  gOSVersion = 10016000;
+  char buffer[] = "#";
+  uint32_t size = 7;
+  EXPECT_EQ(GetProcessModulesImpl(::getpid(), buffer, &size), ZU_PROCESS_OK);
+  EXPECT_EQ(size, 7u);
+  EXPECT_STREQ(buffer, "#");
+  const std::string line =
+      "GetProcessModulesImpl(): skip a process signed by Zubrant, (";
+  EXPECT_THAT(log.Take(), ElementsAre(line + std::to_string(::getpid()) + ")"));
+  return 0;
+});
+
+TEST_F(SecondMethod, SkipsTheVendorsProcesses) { Expect(kVendors); }
+
+}  // namespace
+}  // namespace zu::test
