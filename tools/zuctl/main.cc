@@ -1,4 +1,5 @@
-// zuctl: talks to an agent's server from a terminal or a script.
+// zuctl: talks to an agent's server, and asks the library about the machine,
+// from a terminal or a script.
 #include <getopt.h>
 
 #include <cerrno>
@@ -10,6 +11,9 @@
 #include <optional>
 #include <string>
 
+#include "ZuHelper.h"
+#include "platform/os_version.h"
+#include "text.h"
 #include "zuctl.h"
 
 namespace zu::ctl {
@@ -32,17 +36,46 @@ constexpr Subcommand kSubcommands[] = {
      "Waits until the notification NAME has come, or N times; posts that come\n"
      "close together may count as one. No server is needed.\n",
      RunWait},
+    {"report", "jc", 0, SIZE_MAX, "[PATH...]",
+     "Prints what the library knows of this machine: identity, security, the\n"
+     "volumes of the PATHs (\"/\" and the home directory unless given), "
+     "users,\n"
+     "the agent, and the library's counters about zuctl itself. What cannot "
+     "be\n"
+     "found out is unknown (null), which is not \"no\"; root is told more.\n",
+     RunReport},
+    {"file", "jc", 1, 1, "PATH",
+     "Prints hashes, signature, bundle and Mach-O versions of a file or "
+     "bundle.\n"
+     "Whether the signature is valid does not show in the exit status. May "
+     "ask\n"
+     "the network about certificates. The MD5 is the library's, on 64-bit "
+     "words:\n"
+     "no other tool gives the same.\n",
+     RunFile},
+    {"ps", "jc", 0, 0, "",
+     "Prints identifier, kind of code (32 or 64 bits) and path of every "
+     "process;\n"
+     "\"-\" where the system does not tell.\n",
+     RunProcesses},
+    {"modules", "jc", 1, 1, "PID",
+     "Prints the path of each executable image in a process, one a line.\n",
+     RunModules},
 };
 
 constexpr char kOptionsHelp[] =
     "  --service NAME     the server's service name; the agent's unless given\n"
     "  --timeout SECONDS  how long to wait, such as 0.5\n"
+    "  --json             JSON instead of a table, with plain numbers: bytes,\n"
+    "                     seconds\n"
+    "  --no-color         no colours; there are none without a terminal, nor\n"
+    "                     when NO_COLOR is set\n"
     "  --help             this text; after a subcommand, that one's\n";
 
 constexpr char kExitHelp[] =
     "Exit status:\n"
     "  0  done: the reply, whatever it says, or the broadcasts were printed;\n"
-    "     the notification was posted, or came\n"
+    "     the notification was posted, or came; the table was printed\n"
     "  1  something failed on this side, such as reading FILE\n"
     "  2  the command line or the JSON text is wrong; nothing was sent\n"
     "  3  no server is running\n"
@@ -50,17 +83,21 @@ constexpr char kExitHelp[] =
     "     which must be signed by the vendor\n"
     "  5  --timeout passed\n"
     "  6  the server answered nothing\n"
-    "  7  the server could be another user's and was not talked to\n";
+    "  7  the server could be another user's and was not talked to\n"
+    "  8  there is no such file or process\n"
+    "  9  this user may not read the file or look into the process\n";
 
 constexpr option kLongOptions[] = {{"service", required_argument, nullptr, 's'},
                                    {"timeout", required_argument, nullptr, 't'},
                                    {"count", required_argument, nullptr, 'n'},
+                                   {"json", no_argument, nullptr, 'j'},
+                                   {"no-color", no_argument, nullptr, 'c'},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
 
 void PrintUsage(const Subcommand& subcommand) {
-  std::printf("usage: zuctl %s [OPTION...] %s\n", subcommand.name,
-              subcommand.synopsis);
+  std::printf("usage: zuctl %s [OPTION...]%s%s\n", subcommand.name,
+              *subcommand.synopsis == '\0' ? "" : " ", subcommand.synopsis);
 }
 
 void PrintHelp(const Subcommand* only) {
@@ -128,6 +165,12 @@ Exit Run(int argc, char** argv) {
       case 'n':
         valid = ParseCount(optarg, options);
         break;
+      case 'j':
+        options.json = true;
+        break;
+      case 'c':
+        options.no_color = true;
+        break;
       case 'h':
         help = true;
         continue;
@@ -162,9 +205,16 @@ Exit Run(int argc, char** argv) {
 }  // namespace
 
 Exit Fail(Exit exit, std::string_view what, std::string_view why) {
-  std::fprintf(stderr, "zuctl: %.*s: %.*s\n", static_cast<int>(what.size()),
-               what.data(), static_cast<int>(why.size()), why.data());
+  std::fprintf(stderr, "zuctl: %s: %s\n", Printable(what).c_str(),
+               Printable(why).c_str());
   return exit;
+}
+
+Exit FailOnPath(std::string_view path, int error) {
+  const Exit exit = error == ENOENT || error == ENOTDIR ? Exit::kNotFound
+                    : error == EACCES || error == EPERM ? Exit::kNotPermitted
+                                                        : Exit::kFailed;
+  return Fail(exit, path, std::strerror(error));
 }
 
 Exit Fail(std::string_view what, ZuClientStatus status) {
@@ -218,6 +268,11 @@ Exit PrintLine(std::string_view text) {
 
 }  // namespace zu::ctl
 
+// The library is linked without what happens when it is loaded and unloaded:
+// the watchdog guards hosts, and any program that leaves takes the mark of the
+// running agent with it. Only the version is wanted.
 int main(int argc, char** argv) {
+  const zu::platform::OsVersion version = zu::platform::ReadOsVersion();
+  gOSVersion = version.major * 1000000 + version.minor * 1000 + version.patch;
   return static_cast<int>(zu::ctl::Run(argc, argv));
 }

@@ -1,8 +1,7 @@
 #include "request_text.h"
 
-#include <cstdio>
-
 #include "platform/json.h"
+#include "text.h"
 
 namespace zu::ctl {
 namespace {
@@ -12,21 +11,6 @@ constexpr char kCommand[] = "CMD_";
 
 bool Parse(platform::JsonReader& reader, std::string_view text) {
   return reader.Parse(text.data(), text.size(), text.size());
-}
-
-std::string Quote(std::string_view text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof(escape), "\\u%04x", c);
-      quoted.append(escape);
-    } else {
-      if (c == '"' || c == '\\') quoted.push_back('\\');
-      quoted.push_back(c);
-    }
-  }
-  return quoted.append("\"");
 }
 
 }  // namespace
@@ -47,7 +31,7 @@ std::optional<std::string> MakeRequestText(std::string_view command,
   }
   members.remove_prefix(brace + 1);
   members.remove_prefix(members.find_first_not_of(kSpace));
-  std::string text = "{\"" + std::string(kCommand) + "\":" + Quote(command);
+  std::string text = "{\"" + std::string(kCommand) + "\":" + QuoteJson(command);
   if (members.front() != '}') text.push_back(',');
   text.append(members);
   // The server's own reader must find the command.

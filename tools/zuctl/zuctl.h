@@ -10,7 +10,7 @@
 
 namespace zu::ctl {
 
-// What scripts see; kHelp in main.cc documents the numbers.
+// What scripts see; kExitHelp in main.cc documents the numbers.
 enum class Exit : int {
   kDone = 0,
   kFailed = 1,
@@ -20,6 +20,8 @@ enum class Exit : int {
   kTimedOut = 5,
   kNoAnswer = 6,
   kUntrusted = 7,
+  kNotFound = 8,
+  kNotPermitted = 9,
 };
 
 struct Options {
@@ -27,6 +29,8 @@ struct Options {
   int32_t timeout_ms = -1;        // Negative: no deadline.
   bool has_timeout = false;
   uint64_t count = 0;  // 0: no end.
+  bool json = false;
+  bool no_color = false;
   std::vector<std::string_view> arguments;
 };
 
@@ -44,10 +48,17 @@ Exit RunRequest(const Options& options);
 Exit RunListen(const Options& options);
 Exit RunNotify(const Options& options);
 Exit RunWait(const Options& options);
+Exit RunReport(const Options& options);
+Exit RunFile(const Options& options);
+Exit RunProcesses(const Options& options);
+Exit RunModules(const Options& options);
 
 // Says on standard error what went wrong, and gives the exit status for it.
 Exit Fail(Exit exit, std::string_view what, std::string_view why);
 Exit Fail(std::string_view what, ZuClientStatus status);
+
+// The same for a path of which the system says `error`.
+Exit FailOnPath(std::string_view path, int error);
 
 // Connects as the options say; reports a failure as Fail does.
 Exit Connect(const Options& options, Client& client);
