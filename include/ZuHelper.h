@@ -6,7 +6,8 @@
  * otherwise it may be called from any thread, runs on the caller's thread and
  * lets no exception out. Strings are NUL-terminated UTF-8, buffers belong to
  * the caller. Functions named Zu... are the interface; the same functions
- * without the prefix are what they forward to, and may be called directly.
+ * without the prefix are what they forward to, and may be called directly. A
+ * thread must not be cancelled (pthread_cancel) inside a call.
  *
  * Loading the library sets gOSVersion and starts the watchdog, which every host
  * has to call (ZuDeadLockWatch); unloading it or a normal exit releases what it
@@ -950,7 +951,8 @@ ZU_EXPORT uint8_t GetMiscStatistics(uint64_t* slots, uint32_t count);
 
 /** How long nobody has used keyboard or pointer, in units of 2^30 ns (about
  *  1.07 s); UINT64_MAX when the system does not tell. On Linux from the login
- *  manager's idle hint, else from the terminals of those logged in. */
+ *  manager's idle hint, else from the terminals of those logged in; blocks for
+ *  two seconds at most, while the login manager is asked. */
 ZU_EXPORT uint64_t SystemIdleTime(void);
 
 /* ----------------------------------------------- bundles, Mach-O versions --
@@ -1009,8 +1011,9 @@ ZU_EXPORT uint32_t machoGetDylibInfo(const char* path, void* info,
  * @param      size    capacity of `buffer` in bytes; less than 0 counts as 0
  * @return 0; ZU_MACHO_FAILED when the file cannot be read or has no such text.
  *         Otherwise `buffer` is too small, and this is the size of the segment
- *         in the file: with one byte more it is large enough. When a further
- *         32-bit segment follows in the file a `buffer` that is too small gives
+ *         in the file: one byte more is enough where the section lies in its
+ *         segment, which nothing vouches for: do not ask in a loop. When a
+ * further 32-bit segment follows in the file a `buffer` that is too small gives
  *         0 and gets nothing.
  */
 ZU_EXPORT uint32_t ZuGetZubrantDylibVersion(const char* path, char* buffer,
@@ -1025,7 +1028,7 @@ ZU_EXPORT uint32_t machoGetVersionString(const char* path, char* buffer,
  * Probes of the system's security settings. Each runs one tool of the system,
  * blocks until it has ended and looks for one text in what it prints. The first
  * four give 1 also when the tool prints nothing (it may complain elsewhere),
- * and 0 when it cannot be started.
+ * and 0 when it cannot be started or prints what is not UTF-8.
  */
 
 /** 0 when the packet filter's tool says that it is off, else 1. Asks through
@@ -1033,8 +1036,8 @@ ZU_EXPORT uint32_t machoGetVersionString(const char* path, char* buffer,
 ZU_EXPORT uint8_t ZuIsFireWallOn(void);
 ZU_EXPORT uint8_t IsFireWallOn(void);
 
-/** 0 when the setting for automatic checks for updates reads 1, else 1: this
- *  one is the other way round, and hosts know it. */
+/** 0 when what the tool prints about automatic checks for updates has a 1 in
+ *  it, else 1: this one is the other way round, and hosts know it. */
 ZU_EXPORT uint8_t ZuIsAutoCheckUpdateEnabled(void);
 ZU_EXPORT uint8_t IsAutoCheckUpdateEnabled(void);
 
@@ -1088,7 +1091,7 @@ ZU_EXPORT void GetSystemArchitecture(char* buffer, int32_t capacity);
  *
  * @param[in]  name      of the property
  * @param[out] buffer    gets the text and a NUL; empty when the machine does
- * not tell or the text does not fit
+ *                       not tell or the text does not fit
  * @param      capacity  in bytes; 0 or less writes nothing
  */
 ZU_EXPORT void GetPlatformProperty(const char* name, char* buffer,
@@ -1110,8 +1113,8 @@ ZU_EXPORT uint32_t GetHostName(int32_t network, char* buffer, int32_t capacity);
 /**
  * The version of the agent's product on this machine.
  *
- * @param[out] buffer    gets the version and a NUL when its length is below the
- *                       capacity; else nothing
+ * @param[out] buffer    gets the version and a NUL when its length in bytes is
+ *                       below the capacity; else nothing
  * @param      capacity  in bytes
  * @return 1; 0 when that fails or the product is not installed
  */
@@ -1141,9 +1144,10 @@ ZU_EXPORT uint32_t getInstallationType(void);
  * whole gives 0: only lines about single restrictions count.
  *
  * @param[out] flags  ZU_ROOTLESS_... bits; untouched on failure
- * @return 0; 5 when the tool prints nothing or cannot be started, 14 when
- * memory is short. ZuGetRootlessConfig: -1 on systems before 10.11 and when
- *         `flags` is NULL.
+ * @return 0; 5 when the tool prints nothing (or what is not UTF-8) or cannot be
+ *         started, 14 when memory is short. ZuGetRootlessConfig: -1 on systems
+ *         before 10.11 and when `flags` is NULL, which GetRootlessConfig does
+ *         not check.
  */
 ZU_EXPORT int32_t ZuGetRootlessConfig(uint32_t* flags);
 ZU_EXPORT int32_t GetRootlessConfig(uint32_t* flags);

@@ -175,8 +175,10 @@ void DigestFile(int file, Buffer& buffer, ZuMD5Context& md5,
 bool HashFile(const char* path, char* md5_text, char* sha1_text) {
   const std::unique_ptr<Buffer> buffer(new (std::nothrow) Buffer);
   if (!buffer) return false;
-  const FileDescriptor file(
-      RetryOnInterrupt([path] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
+  // A path may be anybody's: a terminal must not become the host's, which would
+  // be hung up with it.
+  const FileDescriptor file(RetryOnInterrupt(
+      [path] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY); }));
   if (!file.valid()) return false;
 
   ZuMD5Context md5{};

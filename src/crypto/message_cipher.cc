@@ -31,6 +31,8 @@ int32_t CCCrypt_Message(const void* input, uint64_t input_length,
       input_length > kMaxLength || key_length != kAes256KeySize) {
     return ZU_CRYPT_PARAMETER_ERROR;
   }
+  const uint64_t capacity = *output_length;
+  *output_length = 0;  // Where a message fails half way, nothing counts.
   return zu::Guarded(__func__, ZU_CRYPT_MEMORY_FAILURE, [=] {
     size_t produced = 0;
     const int32_t status = zu::platform::Aes256Cbc(
@@ -38,11 +40,10 @@ int32_t CCCrypt_Message(const void* input, uint64_t input_length,
         std::span<const std::byte, kAes256KeySize>(Bytes(key), kAes256KeySize),
         std::span<const std::byte, kAesBlockSize>(Bytes(iv), kAesBlockSize),
         {Bytes(input), input_length},
-        {static_cast<std::byte*>(output), *output_length}, produced);
-    // Where a message fails half way, nothing counts.
-    const bool counts =
-        status == ZU_CRYPT_SUCCESS || status == ZU_CRYPT_BUFFER_TOO_SMALL;
-    *output_length = counts ? produced : 0;
+        {static_cast<std::byte*>(output), capacity}, produced);
+    if (status == ZU_CRYPT_SUCCESS || status == ZU_CRYPT_BUFFER_TOO_SMALL) {
+      *output_length = produced;
+    }
     return status;
   });
 }

@@ -45,15 +45,18 @@ void FinalizePlatform() {
   ::pthread_mutex_destroy(&g_IP_timer_mutex);
   server::LeaveSemaphore();
   UnRegisterPowerSource();
-  system::RestoreUnnestLogging();
 }
 
-// A forked child shares what its parent still uses (the named semaphore, the
-// kernel setting), and none of the library's threads exist in it.
+// A forked child shares what its parent still uses (the named semaphore, say),
+// and none of the library's threads exist in it.
 template <void (*kFinalizer)()>
 void RunInLoadingProcess(void* /*argument*/) {
   if (::getpid() == g_loading_process) kFinalizer();
 }
+
+// Knows by itself which process it is for: a host that went to the background
+// changed the setting in another one than it loaded the library in.
+void RestoreSettings(void* /*argument*/) { system::RestoreUnnestLogging(); }
 
 void RegisterFinalizer(void (*finalizer)(void*)) {
   __cxa_atexit(finalizer, nullptr, &__dso_handle);
@@ -67,6 +70,7 @@ void RegisterFinalizer(void (*finalizer)(void*)) {
   watchdog::Initialize();
   RegisterFinalizer(&RunInLoadingProcess<&watchdog::Finalize>);
   InitializePlatform();
+  RegisterFinalizer(&RestoreSettings);
   RegisterFinalizer(&RunInLoadingProcess<&FinalizePlatform>);
 }
 

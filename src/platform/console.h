@@ -10,7 +10,8 @@ enum class ConsoleResult { kUser, kNobody, kUnreachable };
 
 // `user` gets the login name; the macOS login window counts as one. Unreachable
 // stands for a system whose store of such facts is not there at all (never on
-// Linux). Blocks for two seconds at most.
+// Linux). Blocks while the
+// databases of users are asked.
 [[nodiscard]] ConsoleResult ReadConsoleUser(std::string& user);
 
 }  // namespace zu::platform

@@ -41,13 +41,13 @@ struct KernelMemory {
 };
 std::optional<KernelMemory> ReadKernelMemory();
 
-// Since the process's start, in the kernel's 32 bits.
+// Since the process's start; macOS counts in 32 bits.
 struct TaskEvents {
-  int32_t faults = 0;
-  int32_t copy_on_write_faults = 0;
-  int32_t messages_sent = 0;
-  int32_t messages_received = 0;
-  int32_t page_ins = 0;
+  int64_t faults = 0;
+  int64_t copy_on_write_faults = 0;
+  int64_t messages_sent = 0;
+  int64_t messages_received = 0;
+  int64_t page_ins = 0;
 };
 std::optional<TaskEvents> ReadTaskEvents();
 

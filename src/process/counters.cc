@@ -44,7 +44,7 @@ constinit Baseline<double> g_unit_ns;
 constinit Baseline<uint32_t> g_user_s;
 constinit Baseline<uint32_t> g_system_s;
 
-constexpr int32_t platform::TaskEvents::*kEvents[] = {
+constexpr int64_t platform::TaskEvents::*kEvents[] = {
     &platform::TaskEvents::faults,
     &platform::TaskEvents::copy_on_write_faults,
     &platform::TaskEvents::messages_sent,
@@ -145,7 +145,9 @@ void InitializeCounters(void) {
 uint8_t GetCPUsages(uint64_t* slots, uint32_t count) {
   if (!HasRoom(slots, count, ZU_CPU_SLOTS)) return 0;
   const uint64_t now = platform::ReadMonotonicClock();
-  const double unit_ns = g_unit_ns.Get();
+  // A host that never set the baselines measures from the clock's start.
+  double unit_ns = g_unit_ns.Get();
+  if (unit_ns == 0) unit_ns = ReadUnit_ns();
   const uint64_t elapsed = now - g_last.Set(now);
   const double elapsed_s =
       static_cast<double>(elapsed) * unit_ns / kUnitsPerSecond;

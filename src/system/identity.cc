@@ -43,8 +43,8 @@ struct StreamTraits {
 using Stream = ScopedHandle<StreamTraits>;
 
 Stream OpenToRead(const char* path) {
-  FileDescriptor file(
-      RetryOnInterrupt([=] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
+  FileDescriptor file(RetryOnInterrupt(
+      [=] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY); }));
   Stream stream(::fdopen(file.get(), "r"));
   if (stream.valid()) static_cast<void>(file.release());
   return stream;
@@ -75,7 +75,8 @@ void Correct(OsVersion& version) {
               &version.major, &version.minor, &version.patch);
 }
 
-// Copies a text and its NUL when there is room for both.
+// Copies a text and its NUL when there is room for both. In bytes: counting
+// characters would let the copy pass the buffer's end.
 bool CopyWhole(std::string_view text, char* buffer, size_t capacity) {
   if (text.size() >= capacity) return false;
   *std::copy(text.begin(), text.end(), buffer) = '\0';

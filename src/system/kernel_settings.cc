@@ -2,6 +2,7 @@
 
 #include "system/kernel_settings.h"
 
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -50,7 +51,9 @@ uint32_t ParseRootlessConfig(std::string_view text) {
 
 // Of the moment when the library was loaded; 0 when it could not be read.
 uint32_t g_kept_unnest_logging = 0;
-std::atomic<bool> g_changed_unnest_logging{false};
+// The process that changed it for its host; 0: none has. What that forks has
+// the number too, but does not put the value back.
+std::atomic<pid_t> g_changer{0};
 
 }  // namespace
 
@@ -83,10 +86,10 @@ void KeepUnnestLogging() {
   GetSharedRegionUnnestLogging(&g_kept_unnest_logging);
 }
 
-void NoteUnnestLoggingChange() { g_changed_unnest_logging = true; }
+void NoteUnnestLoggingChange() { g_changer = ::getpid(); }
 
 void RestoreUnnestLogging() {
-  if (g_changed_unnest_logging) {
+  if (g_changer == ::getpid()) {
     SetSharedRegionUnnestLogging(g_kept_unnest_logging);
   }
 }

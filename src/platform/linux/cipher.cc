@@ -4,16 +4,11 @@
 
 #include <algorithm>
 
+#include "ZuHelper.h"
 #include "platform/linux/signing/shared_verifier.h"
 
 namespace zu::platform {
 namespace {
-
-constexpr int32_t kSuccess = 0;
-constexpr int32_t kBufferTooSmall = -4301;
-constexpr int32_t kMemoryFailure = -4302;
-constexpr int32_t kAlignmentError = -4303;
-constexpr int32_t kDecodeError = -4304;
 
 // libcrypto counts in int. Whole blocks.
 constexpr size_t kMaxStep = size_t{1} << 30;
@@ -32,9 +27,9 @@ int32_t Aes256Cbc(CipherDirection direction,
   const bool encrypt = direction == CipherDirection::kEncrypt;
   const size_t partial = input.size() % kAesBlockSize;
   produced = input.size() + (encrypt ? kAesBlockSize - partial : 0);
-  if (output.size() < produced) return kBufferTooSmall;
+  if (output.size() < produced) return ZU_CRYPT_BUFFER_TOO_SMALL;
   produced = 0;
-  if (!encrypt && partial != 0) return kAlignmentError;
+  if (!encrypt && partial != 0) return ZU_CRYPT_ALIGNMENT_ERROR;
 
   const std::shared_ptr<const CryptoContext> context = SharedCryptoContext();
   const ScopedErrorMark mark;
@@ -44,7 +39,7 @@ int32_t Aes256Cbc(CipherDirection direction,
       EVP_CipherInit_ex2(cipher.get(), context->MessageCipher(),
                          Unsigned(key.data()), Unsigned(iv.data()),
                          encrypt ? 1 : 0, nullptr) != 1) {
-    return kMemoryFailure;
+    return ZU_CRYPT_MEMORY_FAILURE;
   }
   auto* const out = reinterpret_cast<unsigned char*>(output.data());
   // Appends what becomes of the first `size` bytes of `input`.
@@ -65,16 +60,16 @@ int32_t Aes256Cbc(CipherDirection direction,
   EVP_CIPHER_CTX_set_padding(cipher.get(), 0);
   while (input.size() > kAesBlockSize) {
     const size_t whole = (input.size() - 1) / kAesBlockSize * kAesBlockSize;
-    if (!take(std::min(whole, kMaxStep))) return kMemoryFailure;
+    if (!take(std::min(whole, kMaxStep))) return ZU_CRYPT_MEMORY_FAILURE;
   }
   EVP_CIPHER_CTX_set_padding(cipher.get(), 1);
-  if (!take(input.size())) return kMemoryFailure;
+  if (!take(input.size())) return ZU_CRYPT_MEMORY_FAILURE;
   int written = 0;
   if (EVP_CipherFinal_ex(cipher.get(), out + produced, &written) != 1) {
-    return encrypt ? kMemoryFailure : kDecodeError;
+    return encrypt ? ZU_CRYPT_MEMORY_FAILURE : ZU_CRYPT_DECODE_ERROR;
   }
   produced += static_cast<size_t>(written);
-  return kSuccess;
+  return ZU_CRYPT_SUCCESS;
 }
 
 }  // namespace zu::platform

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include "platform/linux/numbered_entries.h"
 #include "platform/linux/status_file.h"
@@ -45,9 +46,8 @@ std::optional<KernelMemory> ReadKernelMemory() { return KernelMemory{}; }
 std::optional<TaskEvents> ReadTaskEvents() {
   rusage use{};
   if (::getrusage(RUSAGE_SELF, &use) != 0) return std::nullopt;
-  return TaskEvents{
-      .faults = static_cast<int32_t>(use.ru_minflt + use.ru_majflt),
-      .page_ins = static_cast<int32_t>(use.ru_majflt)};
+  return TaskEvents{.faults = use.ru_minflt + use.ru_majflt,
+                    .page_ins = use.ru_majflt};
 }
 
 // The links of /proc would tell the same, but reading one makes the kernel
@@ -57,12 +57,19 @@ std::optional<std::vector<Descriptor>> ListDescriptors() {
     return ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   }));
   std::vector<Descriptor> descriptors;
-  const bool whole = ForEachNumberedEntry(directory.get(), [&](int32_t number) {
+  const auto add = [&](int32_t number) {
     struct stat status;
     if (number == directory.get() || ::fstat(number, &status) != 0) return;
     descriptors.push_back({number, S_ISSOCK(status.st_mode)});
-  });
-  if (!whole) return std::nullopt;
+  };
+  rlimit limit{};
+  if (!directory.valid() && errno == EMFILE &&
+      ::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    // All below the limit are taken, which is just what hosts want to know.
+    for (rlim_t i = 0; i < limit.rlim_cur; ++i) add(static_cast<int32_t>(i));
+    return descriptors;
+  }
+  if (!ForEachNumberedEntry(directory.get(), add)) return std::nullopt;
   return descriptors;
 }
 

@@ -59,16 +59,17 @@ std::optional<int64_t> TimeSinceLastAccess_ns() {
 
 }  // namespace
 
-// The hint alone says too little: it is false for minutes after the last key,
-// and always on machines where nobody sets it.
+// A hint that is false says too little, for minutes after the last key. The
+// terminals tell more, but nothing of a graphical session, whose keys they do
+// not see.
 std::optional<int64_t> ReadIdleTime_ns() {
   const std::optional<IdleHint> hint = ReadIdleHint();
-  if (hint && hint->idle) {
-    return TimeSince_ns(CLOCK_MONOTONIC, hint->since_us * 1000);
-  }
-  const std::optional<int64_t> idle_ns = TimeSinceLastAccess_ns();
-  if (!idle_ns && hint) return 0;
-  return idle_ns;
+  if (!hint) return TimeSinceLastAccess_ns();
+  const int64_t changed_ns =
+      TimeSince_ns(CLOCK_MONOTONIC, hint->since_us * 1000);
+  if (hint->idle) return changed_ns;
+  if (HasGraphicalSession()) return 0;
+  return std::min(TimeSinceLastAccess_ns().value_or(0), changed_ns);
 }
 
 }  // namespace zu::platform

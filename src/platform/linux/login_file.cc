@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <paths.h>
+#include <cerrno>
 
 #include "support/file_descriptor.h"
 
@@ -10,8 +11,11 @@ namespace zu::platform {
 std::optional<std::vector<utmpx>> ReadLoginFile() {
   const FileDescriptor file(RetryOnInterrupt(
       [] { return ::open(_PATH_UTMP, O_RDONLY | O_CLOEXEC); }));
-  if (!file.valid()) return std::nullopt;
   std::vector<utmpx> records;
+  if (!file.valid()) {
+    if (errno == ENOENT) return std::nullopt;
+    return records;
+  }
   utmpx record;
   // Records are written whole and in place, so none is read in halves.
   while (RetryOnInterrupt([&] {

@@ -11,8 +11,9 @@
 
 namespace zu::platform {
 
-// All its records, in their order. Absent when there is no such file. Does not
-// touch the cursor of getutxent, which is the host's.
+// All its records, in their order. Absent when there is no such file;
+// none when it cannot be read. Does not touch the cursor of getutxent, which is
+// the host's.
 std::optional<std::vector<utmpx>> ReadLoginFile();
 
 // The text in a record's field, which ends with a NUL only where it is shorter

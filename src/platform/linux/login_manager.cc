@@ -1,6 +1,4 @@
 #include "platform/linux/login_manager.h"
-#include "support/accounts.h"
-#include "support/allocated.h"
 
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
@@ -12,6 +10,9 @@
 #include <memory>
 #include <type_traits>
 #include <utility>
+
+#include "support/accounts.h"
+#include "support/allocated.h"
 
 namespace zu::platform {
 namespace {
@@ -30,6 +31,7 @@ struct LoginLibrary {
   decltype(&::sd_session_get_class) session_get_class;
   decltype(&::sd_session_get_state) session_get_state;
   decltype(&::sd_session_get_tty) session_get_tty;
+  decltype(&::sd_session_get_type) session_get_type;
   decltype(&::sd_session_get_uid) session_get_uid;
   decltype(&::sd_bus_call_method_async) bus_call_method_async;
   decltype(&::sd_bus_close_unref) bus_close_unref;
@@ -57,6 +59,7 @@ std::optional<LoginLibrary> LoadLoginLibrary() {
   find(library.session_get_class, "sd_session_get_class");
   find(library.session_get_state, "sd_session_get_state");
   find(library.session_get_tty, "sd_session_get_tty");
+  find(library.session_get_type, "sd_session_get_type");
   find(library.session_get_uid, "sd_session_get_uid");
   find(library.bus_call_method_async, "sd_bus_call_method_async");
   find(library.bus_close_unref, "sd_bus_close_unref");
@@ -179,6 +182,16 @@ std::vector<std::string> SessionUsers() {
 std::vector<std::string> SessionTerminals() {
   return AskSessions([](const LoginLibrary& library, const char* session) {
     return GetText(library.session_get_tty, session);
+  });
+}
+
+bool HasGraphicalSession() {
+  const std::vector<std::string> types =
+      AskSessions([](const LoginLibrary& library, const char* session) {
+        return GetText(library.session_get_type, session);
+      });
+  return std::any_of(types.begin(), types.end(), [](const std::string& type) {
+    return type == "x11" || type == "wayland" || type == "mir";
   });
 }
 

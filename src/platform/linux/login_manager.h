@@ -27,6 +27,9 @@ std::vector<std::string> SessionTerminals();
 // empty when nobody's is, as while the login screen is there.
 std::string ActiveSessionUser();
 
+// Whether one of the sessions is graphical.
+bool HasGraphicalSession();
+
 // What it takes all sessions together for. Asks the login manager over the
 // system bus, at its fixed address; gives up after two seconds.
 struct IdleHint {

@@ -29,7 +29,7 @@ class PropertyList {
     kString,
     kData,
     kBoolean,
-    kInteger,
+    kInteger,  // Of 64 bits with a sign; what exceeds them is a real.
     kReal,
     kDate,  // Its time is not kept.
     kUid,

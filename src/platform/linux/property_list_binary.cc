@@ -128,8 +128,9 @@ bool BinaryPropertyListReader::ReadNumber(size_t marker, size_t offset,
   if (kind == kSimple || (kind != kUidKind && low > 4)) return false;
   size_t size = kind == kUidKind ? low + 1 : size_t{1} << low;
   if (size > table_ - offset) return false;
-  if (size == 16 && kind == kIntegerKind) {  // With a sign, but only this far.
-    if (Number(offset, 8) != 0 || Number(offset + 8, 1) > 0x7f) return false;
+  const bool unsigned_64 = size == 16 && kind == kIntegerKind;
+  if (unsigned_64) {  // With a sign, but only this far.
+    if (Number(offset, 8) != 0) return false;
     offset += 8;
     size = 8;
   }
@@ -137,6 +138,11 @@ bool BinaryPropertyListReader::ReadNumber(size_t marker, size_t offset,
   const uint64_t value = Number(offset, size);
   switch (kind) {
     case kIntegerKind:  // Only 8 bytes have a sign.
+      if (unsigned_64 && value > INT64_MAX) {
+        node.type = Type::kReal;
+        node.real = static_cast<double>(value);
+        return true;
+      }
       node.type = Type::kInteger;
       node.integer = static_cast<int64_t>(value);
       return true;

@@ -87,17 +87,22 @@ std::string_view Trimmed(std::string_view text) {
   return text.substr(0, text.find_last_not_of(kSpace) + 1);
 }
 
-bool ParseInteger(std::string_view text, int64_t& value) {
+// What exceeds 63 bits becomes a real.
+bool ParseInteger(std::string_view text, PropertyList::Node& node) {
   const bool negative = text.starts_with('-');
   if (negative || text.starts_with('+')) text.remove_prefix(1);
   const int base = Take(text, "0x") || Take(text, "0X") ? 16 : 10;
   uint64_t magnitude = 0;
   const auto [end, error] =
       std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
-  const uint64_t limit = uint64_t{INT64_MAX} + (negative ? 1 : 0);
-  value = static_cast<int64_t>(negative ? 0 - magnitude : magnitude);
-  return error == std::errc() && end == text.data() + text.size() &&
-         magnitude <= limit;
+  if (error != std::errc() || end != text.data() + text.size()) return false;
+  if (magnitude > uint64_t{INT64_MAX} + (negative ? 1 : 0)) {
+    node.type = PropertyList::Type::kReal;
+    node.real = static_cast<double>(magnitude);
+    return !negative;
+  }
+  node.integer = static_cast<int64_t>(negative ? 0 - magnitude : magnitude);
+  return true;
 }
 
 bool ParseReal(std::string_view text, double& value) {
@@ -270,7 +275,7 @@ std::optional<uint32_t> XmlPropertyListReader::TakeScalar(const Tag& tag) {
     node.integer = tag.name == "true" ? 1 : 0;
   } else if (tag.name == "integer") {
     node.type = Type::kInteger;
-    good = ParseInteger(trimmed, node.integer);
+    good = ParseInteger(trimmed, node);
   } else if (tag.name == "real") {
     node.type = Type::kReal;
     good = ParseReal(trimmed, node.real);

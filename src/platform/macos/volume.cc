@@ -77,9 +77,15 @@ std::optional<std::string> ReadImageFile(const std::string& path) {
   if (file == nullptr || ::CFGetTypeID(file) != ::CFDataGetTypeID()) {
     return std::nullopt;
   }
-  const CFDataRef bytes = static_cast<CFDataRef>(file);
-  return std::string(reinterpret_cast<const char*>(::CFDataGetBytePtr(bytes)),
-                     static_cast<size_t>(::CFDataGetLength(bytes)));
+  const CFDataRef data = static_cast<CFDataRef>(file);
+  const std::string path(
+      reinterpret_cast<const char*>(::CFDataGetBytePtr(data)),
+      static_cast<size_t>(::CFDataGetLength(data)));
+  // A path in ASCII; other bytes, and a NUL, make none.
+  for (const char c : path) {
+    if (c <= 0) return std::nullopt;
+  }
+  return path;
 }
 
 }  // namespace zu::platform
