@@ -1209,12 +1209,12 @@ ZU_EXPORT uint32_t StopKext(const char* bundle_id);
 
 /**
  * Starts the updater and leaves it to itself: nobody waits for it, and it stays
- * no zombie. It has a process group of its own, the host's standard streams and
- * no other descriptor, no blocked signal, and an environment of two variables:
- * "DYLD_LIBRARY_PATH", its own directory, and "MONO_REGISTRY_PATH" as the host
- * has it.
+ * no zombie while the library is loaded. It has a process group of its own, the
+ * host's standard streams and no other descriptor, no blocked signal, and an
+ * environment of two variables: "DYLD_LIBRARY_PATH", its own directory, and
+ * "MONO_REGISTRY_PATH" as the host has it.
  *
- * @param launch_path        the program
+ * @param launch_path        absolute path of the program
  * @param working_directory  where it runs
  * @param first_argument     of the two that it gets
  * @param second_argument    the other
@@ -1250,15 +1250,15 @@ ZU_EXPORT uint32_t StartZuUI(const uint32_t* users, uint32_t count);
 
 /**
  * Ends the UI processes of all users and tells whose they were. What arguments
- * one ran with is kept in the file "uiArgs" in its user's application-support
- * directory, which has mode 0777 like the file. Blocks until the tools have
- * ended.
+ * one ran with is kept in "uiArgs" in its user's directory
+ * "/Users/NAME/Library/Application Support/Zubrant"; these, and directories on
+ * the way that were missing, have mode 0777. Blocks until the tools have ended.
  *
  * @param[out]    users  gets the user identifier of each process
  * @param[in,out] count  In: capacity of `users`, which has to be at least one
  *                       more than there are processes. Out: entries written, or
- *                       with 0 the capacity that it takes; unchanged when there
- *                       is nothing to stop.
+ *                       with 0 the capacity that it takes; unchanged when it is
+ *                       0 or there is nothing to stop.
  * @return 1, also when there is nothing to stop; 0 when an argument is NULL or
  *         `*count` 0 or too small
  */
@@ -1285,7 +1285,8 @@ ZU_EXPORT uint32_t GetGroupGid(const char* name);
  *
  * @param         uid     user identifier
  * @param[out]    groups  array of group identifiers
- * @param[in,out] count   In: capacity in entries. Out: how many there are
+ * @param[in,out] count   Not NULL. In: capacity in entries; 0 or less takes no
+ *                        array. Out: how many there are
  *                        (macOS: at most the capacity); 0 for an unknown user.
  * @return 0; -1 when there are more than `groups` takes
  */

@@ -37,11 +37,6 @@ std::string FirstWord(std::string_view text) {
 
 bool IsEmpty(const char* text) { return text == nullptr || *text == '\0'; }
 
-uint8_t RunsSilently(const char* tool,
-                     const std::vector<std::string>& arguments) {
-  return ExecuteCommand::RunsSilently(tool, arguments) ? 1 : 0;
-}
-
 }  // namespace
 }  // namespace zu::accounts
 
@@ -52,8 +47,9 @@ uint8_t ChangeFileOwnerToCurrentUser(const char* path) {
   return zu::Guarded(__func__, uint8_t{0}, [=] {
     const std::optional<std::string> users =
         zu::ExecuteCommand::Run("/usr/bin/who", {"-m"});
-    if (!users || users->empty()) return uint8_t{0};
-    return RunsSilently("/usr/sbin/chown", {FirstWord(*users), path});
+    if (!users || users->empty()) return false;
+    return zu::ExecuteCommand::RunsSilently("/usr/sbin/chown",
+                                            {FirstWord(*users), path});
   });
 }
 
@@ -69,7 +65,7 @@ uint8_t ChangeFileOwnerGroup(const char* path, const char* user,
     if (S_ISDIR(status.st_mode)) arguments.push_back("-R");
     arguments.push_back(user + std::string(":") + group);
     arguments.push_back(path);
-    return RunsSilently("/usr/bin/sudo", arguments);
+    return zu::ExecuteCommand::RunsSilently("/usr/bin/sudo", arguments);
   });
 }
 
@@ -78,7 +74,7 @@ uint8_t ChangeFilePermissions(const char* path, const char* mode,
   struct stat status;
   if (IsEmpty(path) || mode == nullptr || ::stat(path, &status) != 0) return 0;
   return zu::Guarded(__func__, uint8_t{0}, [=] {
-    return RunsSilently(recursive != 0 ? "/bin/chmod -R" : "/bin/chmod",
-                        {mode, path});
+    return zu::ExecuteCommand::RunsSilently(
+        recursive != 0 ? "/bin/chmod -R" : "/bin/chmod", {mode, path});
   });
 }

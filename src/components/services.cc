@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <string>
-#include <vector>
 
 #include "ZuHelper.h"
 #include "support/execute_command.h"
@@ -21,18 +20,13 @@ bool CanBeRead(const std::string& path) {
       .valid();
 }
 
-uint32_t RunsSilently(const char* tool,
-                      const std::vector<std::string>& arguments) {
-  return zu::ExecuteCommand::RunsSilently(tool, arguments) ? 1 : 0;
-}
-
 }  // namespace
 
 uint32_t StartService(const char* plist_name) {
   if (plist_name == nullptr) return 0;
   return zu::Guarded(__func__, 0u, [=] {
-    return RunsSilently("/bin/launchctl",
-                        {"load", std::string(kDaemons) + plist_name});
+    return zu::ExecuteCommand::RunsSilently(
+        "/bin/launchctl", {"load", std::string(kDaemons) + plist_name});
   });
 }
 
@@ -40,8 +34,8 @@ uint32_t StopService(const char* plist_name) {
   if (plist_name == nullptr) return 0;
   return zu::Guarded(__func__, 0u, [=] {
     const std::string path = std::string(kDaemons) + plist_name;
-    return CanBeRead(path) ? RunsSilently("/bin/launchctl", {"unload", path})
-                           : 0;
+    return CanBeRead(path) &&
+           zu::ExecuteCommand::RunsSilently("/bin/launchctl", {"unload", path});
   });
 }
 
@@ -50,7 +44,7 @@ uint32_t StopService(const char* plist_name) {
 uint32_t StartKext(const char* kext_file_name) {
   if (kext_file_name == nullptr) return 0;
   return zu::Guarded(__func__, 0u, [=] {
-    return RunsSilently(
+    return zu::ExecuteCommand::RunsSilently(
         "/usr/bin/sudo",
         {"/sbin/kextload", std::string(kExtensions) + kext_file_name});
   });
@@ -59,6 +53,7 @@ uint32_t StartKext(const char* kext_file_name) {
 uint32_t StopKext(const char* bundle_id) {
   if (bundle_id == nullptr) return 0;
   return zu::Guarded(__func__, 0u, [=] {
-    return RunsSilently("/sbin/kextunload", {"-b", bundle_id});
+    return zu::ExecuteCommand::RunsSilently("/sbin/kextunload",
+                                            {"-b", bundle_id});
   });
 }

@@ -25,7 +25,10 @@ std::optional<std::string> ParseUiName(std::string_view text) {
   if (end == text.npos || end == 0) return std::nullopt;
   const size_t before = text.rfind('/', end - 1);
   if (before == text.npos || before + 1 == end) return std::nullopt;
-  return std::string(text.substr(before + 1, end - before - 2));
+  // Less its last character, of however many bytes.
+  size_t last = end - 1;
+  while (last > before + 1 && (text[last] & 0xC0) == 0x80) --last;
+  return std::string(text.substr(before + 1, last - before - 1));
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ uint32_t StartZuUpdater(const char* launch_path, const char* working_directory,
     if (text == nullptr || *text == '\0') return 0;
   }
   return zu::Guarded(__func__, 0u, [=] {
+    // Nothing is started, not even for a moment, that cannot run.
     const char* const registry = std::getenv("MONO_REGISTRY_PATH");
     if (registry == nullptr || !zu::IsLaunchable(launch_path) ||
         !CanBeEntered(working_directory)) {

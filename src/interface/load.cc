@@ -40,7 +40,6 @@ void InitializePlatform() {
 void FinalizePlatform() {
   server::LeaveServer();
   platform::StopNotifications();
-  StopChildReaper();
   ::pthread_mutex_destroy(&g_cert_mutex);
   ::pthread_mutex_destroy(&g_IP_timer_mutex);
   server::LeaveSemaphore();
@@ -54,9 +53,12 @@ void RunInLoadingProcess(void* /*argument*/) {
   if (::getpid() == g_loading_process) kFinalizer();
 }
 
-// Knows by itself which process it is for: a host that went to the background
-// changed the setting in another one than it loaded the library in.
-void RestoreSettings(void* /*argument*/) { system::RestoreUnnestLogging(); }
+// These know by themselves which process they are for: a host that went to the
+// background uses them in another one than it loaded the library in.
+void RunInAnyProcess(void* /*argument*/) {
+  StopChildReaper();
+  system::RestoreUnnestLogging();
+}
 
 void RegisterFinalizer(void (*finalizer)(void*)) {
   __cxa_atexit(finalizer, nullptr, &__dso_handle);
@@ -70,7 +72,7 @@ void RegisterFinalizer(void (*finalizer)(void*)) {
   watchdog::Initialize();
   RegisterFinalizer(&RunInLoadingProcess<&watchdog::Finalize>);
   InitializePlatform();
-  RegisterFinalizer(&RestoreSettings);
+  RegisterFinalizer(&RunInAnyProcess);
   RegisterFinalizer(&RunInLoadingProcess<&FinalizePlatform>);
 }
 

@@ -19,11 +19,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// No event tells the end of one child on every system without touching the
-// host's signal handling, so the thread looks: soon at first, since most tools
+// The host's signal handling is left alone and systems differ in other ways to
+// tell the end of a child, so the thread looks: soon at first, since most tools
 // end when they close their output, then ever more seldom.
 constexpr milliseconds kFirstPause{1};
-constexpr milliseconds kLongestPause{100};
+constexpr milliseconds kLongestPause{1000};
 
 struct State {
   std::mutex mutex;

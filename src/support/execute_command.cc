@@ -45,8 +45,8 @@ Command SplitOptions(const std::string& launch_path,
 }
 
 int SpawnTool(const Command& command, FileDescriptor write_end, Child& child) {
-  // Where the host has closed its own output, the pipe can sit there already;
-  // duplicating it onto itself would leave it close-on-exec.
+  // Where a thread of the host closes its output at this moment, the pipe can
+  // sit there already; not every system lets a child have it from there.
   if (write_end.get() == STDOUT_FILENO) {
     write_end.reset(::fcntl(write_end.get(), F_DUPFD_CLOEXEC, 3));
     if (!write_end.valid()) return errno;

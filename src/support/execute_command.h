@@ -21,9 +21,9 @@ class ExecuteCommand {
   // takes; a tool that closes it and lives on is not waited for. How the tool
   // ends is not told: one that prints and fails counts like any other.
   //
-  // nullopt: no pipe could be made or the program could not be started, which
-  // is logged, or the output is not UTF-8, which is not. A tool that prints
-  // nothing gives an empty string. Thread-safe.
+  // nullopt: no pipe could be made, the program could not be started or its
+  // output not be read, which is logged, or that is not UTF-8, which is not. A
+  // tool that prints nothing gives an empty string. Thread-safe.
   static std::optional<std::string> Run(
       const std::string& launch_path,
       const std::vector<std::string>& arguments);

@@ -44,6 +44,7 @@ class SpawnSettings {
     sigset_t signals;
     sigemptyset(&signals);
     ::posix_spawnattr_setsigmask(&attributes_, &signals);
+    sigaddset(&signals, SIGCHLD);
     sigaddset(&signals, SIGPIPE);
     ::posix_spawnattr_setsigdefault(&attributes_, &signals);
     int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;

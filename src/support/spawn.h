@@ -39,7 +39,8 @@ struct SpawnOptions {
 [[nodiscard]] bool IsLaunchable(const std::string& path);
 
 // Starts the program at an absolute path, without a shell and without the
-// host's blocked signals and ignored SIGPIPE, which programs do not expect.
+// host's blocked signals and ignored SIGCHLD and SIGPIPE, which programs do not
+// expect.
 // `arguments` come behind the program's name. 0, with the child, or the error
 // number. Thread-safe.
 [[nodiscard]] int Spawn(const std::string& path,

@@ -14,10 +14,9 @@ int KeepStandardDescriptorsOnly(posix_spawn_file_actions_t& actions,
     error = ::posix_spawnattr_setflags(
         &attributes, static_cast<short>(flags | POSIX_SPAWN_CLOEXEC_DEFAULT));
   }
-  // One that is not open, or that the host keeps to itself, is left out: to
-  // name a closed one makes the whole spawn fail.
+  // One that is not open is left out: to name it makes the whole spawn fail.
   for (const int each : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (error == 0 && ::fcntl(each, F_GETFD) == 0) {
+    if (error == 0 && ::fcntl(each, F_GETFD) >= 0) {
       error = ::posix_spawn_file_actions_addinherit_np(&actions, each);
     }
   }
