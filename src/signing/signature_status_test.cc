@@ -17,7 +17,6 @@ TEST(SigningDateTest, IsMonthDayYearHourMinuteInGmt) {
       {636818700, "03/07/2021 14:05"},
       {636818759.9, "03/07/2021 14:05"},
       {730900800, "02/29/2024 12:00"},
-      {-1, "12/31/2000 23:59"},
       {-0.5, "12/31/2000 23:59"},
       {-63113904000, "01/01/1 00:00"},
       {std::nan(""), "01/01/2001 00:00"},
@@ -29,7 +28,7 @@ TEST(SigningDateTest, IsMonthDayYearHourMinuteInGmt) {
     FormatSigningDate(c.time, buffer, c.capacity);
     EXPECT_STREQ(buffer, c.text) << c.time;
   }
-  for (const double far : {double{INFINITY}, -double{INFINITY}, 1e300}) {
+  for (const double far : {double{INFINITY}, -1e300}) {
     char buffer[64] = {};
     FormatSigningDate(far, buffer, sizeof(buffer));
     EXPECT_GT(std::strlen(buffer), 16u);

@@ -2,40 +2,36 @@
 #ifndef ZU_TESTS_PROCESS_PAUSED_CHILD_H_
 #define ZU_TESTS_PROCESS_PAUSED_CHILD_H_
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 
-#include "support/file_descriptor.h"
-
 namespace zu::test {
 
-// A child that has run `prepare` and then runs `rest` over and over, until it
-// is killed.
+// A child that has run `prepare`, which may be as far as starting a program,
+// and then runs `rest` over and over, until it is killed.
 class PausedChild {
  public:
-  template <typename Prepare, typename Rest>
-  PausedChild(Prepare prepare, Rest rest) {
+  template <typename Prepare = void (*)(), typename Rest = int (*)()>
+  explicit PausedChild(
+      Prepare prepare = [] {}, Rest rest = &::pause) {
     int ends[2];
-    if (::pipe(ends) != 0) return;
-    const FileDescriptor prepared(ends[0]);
-    FileDescriptor sink(ends[1]);
+    if (::pipe2(ends, O_CLOEXEC) != 0) return;
     pid_ = ::fork();
     if (pid_ == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       prepare();
-      sink.reset();
+      ::close(ends[1]);
       for (;;) rest();
     }
-    sink.reset();
+    ::close(ends[1]);
     char none;
-    RetryOnInterrupt([&] { return ::read(prepared.get(), &none, 1); });
+    [[maybe_unused]] const ssize_t end = ::read(ends[0], &none, 1);
+    ::close(ends[0]);
   }
-  template <typename Prepare>
-  explicit PausedChild(Prepare prepare) : PausedChild(prepare, ::pause) {}
-  PausedChild() : PausedChild([] {}) {}
   PausedChild(const PausedChild&) = delete;
   PausedChild& operator=(const PausedChild&) = delete;
   ~PausedChild() { End(); }
@@ -46,7 +42,7 @@ class PausedChild {
     if (pid_ <= 0) return -1;
     ::kill(pid_, SIGKILL);
     int status = -1;
-    RetryOnInterrupt([&] { return ::waitpid(pid_, &status, 0); });
+    ::waitpid(pid_, &status, 0);
     pid_ = -1;
     return status;
   }

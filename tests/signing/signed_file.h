@@ -33,33 +33,27 @@ class SignedFile {
       : format_(format), path_(std::move(path)) {
     namespace fs = std::filesystem;
     fs::remove_all(path_);
-    const std::vector<std::byte> intel = BuildMachO({.code_size = 9000});
-    switch (format_) {
-      case Format::kElf:
-        fs::copy_file("/bin/true", path_);
-        break;
-      case Format::kScript:
-        std::ofstream(path_) << "#!/bin/sh\nexit 0 # this content is signed\n";
-        break;
-      case Format::kMachO:
-        WriteBytes(path_, intel);
-        break;
-      case Format::kUniversal:
-        WriteBytes(
-            path_,
-            BuildUniversal({intel, BuildMachO({.cpu_type = kCpuTypeArm64})}));
-        break;
-      case Format::kBundle:
-        fs::create_directories(path_ / "Contents/MacOS");
-        fs::create_directories(path_ / "Contents/Resources");
-        std::ofstream(path_ / "Contents/Info.plist")
-            << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
-               "<string>main</string><key>CFBundleIdentifier</key>"
-               "<string>com.example.app</string></dict></plist>\n";
-        std::ofstream(path_ / "Contents/Resources/text") << "a resource\n";
-        WriteBytes(path_ / "Contents/MacOS/main", intel);
-        break;
+    std::vector<std::byte> image = BuildMachO({.code_size = 9000});
+    if (format_ == Format::kUniversal) {
+      image = BuildUniversal({image, BuildMachO({.cpu_type = kCpuTypeArm64})});
     }
+    if (format_ == Format::kElf) {
+      fs::copy_file("/bin/true", path_);
+    } else if (format_ == Format::kScript) {
+      std::ofstream(path_) << "#!/bin/sh\nexit 0 # this content is signed\n";
+    } else if (format_ == Format::kBundle) {
+      const fs::path contents = path_ / "Contents";
+      fs::create_directories(contents / "MacOS");
+      fs::create_directories(contents / "Resources/en.lproj");
+      std::ofstream(contents / "Info.plist")
+          << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+             "<string>main</string><key>CFBundleIdentifier</key>"
+             "<string>com.example.app</string></dict></plist>\n";
+      std::ofstream(contents / "Resources/a & b") << "a resource\n";
+      std::ofstream(contents / "Resources/en.lproj/text") << "may go\n";
+      fs::create_symlink("a & b", contents / "Resources/link");
+    }
+    if (can_be_ad_hoc()) WriteBytes(code(), image);
   }
   ~SignedFile() { std::filesystem::remove_all(path_); }
   SignedFile(const SignedFile&) = delete;
@@ -68,36 +62,24 @@ class SignedFile {
   // Without a credential ad-hoc, which ELF files and scripts cannot be.
   void Sign(const Credential* credential,
             const platform::TimestampSource& timestamp = nullptr) const {
-    std::string error;
     std::optional<platform::SigningIdentity> identity;
-    if (credential != nullptr) {
-      identity = platform::SigningIdentity::FromPem(
-          credential->key, credential->certificates, error);
-      ASSERT_TRUE(identity) << error;
-    }
-    const platform::SigningIdentity* const signer =
-        identity ? &*identity : nullptr;
-    platform::SignResult result = platform::SignResult::kFailed;
-    switch (format_) {
-      case Format::kElf:
-      case Format::kScript:
-        result = platform::SignFile(
-            path_, *signer,
-            {.identifier = "com.example.tool", .timestamp = timestamp}, error);
-        break;
-      case Format::kMachO:
-      case Format::kUniversal:
-        result = platform::SignMachO(path_,
-                                     {.identifier = "com.example.tool",
-                                      .identity = signer,
-                                      .cms = {.timestamp = timestamp}},
-                                     error);
-        break;
-      case Format::kBundle:
-        result = platform::SignBundle(
-            path_, {.identity = signer, .cms = {.timestamp = timestamp}},
-            error);
-        break;
+    if (credential != nullptr) identity = ToIdentity(*credential);
+    platform::MachOSignOptions options{
+        .identifier = "com.example.\"tool\"",
+        .identity = identity ? &*identity : nullptr,
+        .replace = true,
+        .cms = {.timestamp = timestamp}};
+    std::string error;
+    platform::SignResult result;
+    if (!can_be_ad_hoc()) {
+      result = platform::SignFile(
+          path_, *identity,
+          {.identifier = options.identifier, .timestamp = timestamp}, error);
+    } else if (format_ == Format::kBundle) {
+      options.identifier = "";  // Its dictionary has one.
+      result = platform::SignBundle(path_, options, error);
+    } else {
+      result = platform::SignMachO(path_, options, error);
     }
     ASSERT_EQ(result, platform::SignResult::kSigned) << error;
   }

@@ -63,16 +63,12 @@ FakeTool::~FakeTool() {
   }
 }
 
-// A record is the number of arguments, the arguments and the environment, each
-// text ended by a NUL, and one more NUL. The environment comes from the kernel,
-// because shells add to theirs.
+// A record is the number of arguments and the arguments, each ended by a NUL.
 RecordingTool::RecordingTool(const fs::path& path, std::string_view output)
     : directory_(MakeTemporaryDirectory()),
-      tool_(path, "cd '" + directory_.string() + "' && {\n" +
-                      "printf '%s\\0' \"$#\" \"$@\"\n"
-                      "cat /proc/$$/environ\n"
-                      "printf '\\0'\n"
-                      "} >>record && cat output") {
+      tool_(path, "cd '" + directory_.string() +
+                      "' && printf '%s\\0' \"$#\" \"$@\" >>record"
+                      " && cat output") {
   WriteFile(directory_ / "output", output);
 }
 
@@ -91,11 +87,17 @@ std::vector<RecordingTool::Call> RecordingTool::Calls() const {
     for (int left = std::stoi(next()); left > 0; --left) {
       call.arguments.push_back(next());
     }
-    for (std::string entry; !(entry = next()).empty();) {
-      call.environment.push_back(std::move(entry));
-    }
   }
   return calls;
+}
+
+std::string RecordingTool::CommandLines() const {
+  std::string lines;
+  for (const Call& call : Calls()) {
+    for (const std::string& argument : call.arguments) lines += "|" + argument;
+    lines += '\n';
+  }
+  return lines;
 }
 
 }  // namespace zu::test

@@ -38,14 +38,15 @@ class FakeTool {
 class RecordingTool {
  public:
   struct Call {
-    std::vector<std::string> arguments;    // Without the program's name.
-    std::vector<std::string> environment;  // "NAME=value", as passed.
+    std::vector<std::string> arguments;  // Without the program's name.
   };
 
   RecordingTool(const std::filesystem::path& path, std::string_view output);
 
   // The calls that have ended, oldest first.
   std::vector<Call> Calls() const;
+  // These as text: a bar before each argument, a newline behind each call.
+  std::string CommandLines() const;
 
  private:
   const std::filesystem::path directory_;

@@ -11,188 +11,130 @@
 namespace zu::test {
 namespace {
 
-uint64_t RoundUp(uint64_t value, uint64_t alignment) {
-  return (value + alignment - 1) / alignment * alignment;
-}
+constexpr uint64_t kLinkEditSize = 32;
+
+struct Place {
+  std::string_view name;
+  uint64_t offset = 0;
+  uint64_t size = 0;
+};
 
 // Appends fields one after the other.
 class Writer {
  public:
-  Writer(ByteOrder order, bool is_64) : order_(order), is_64_(is_64) {}
-
-  void Put32(uint64_t value) { Put(static_cast<uint32_t>(value)); }
-  void Put64(uint64_t value) { Put(value); }
-  void PutWord(uint64_t value) { is_64_ ? Put64(value) : Put32(value); }
-  void PutName(std::string_view name) {
-    PutText(name);
-    bytes_.resize(bytes_.size() + kNameSize - name.size());
+  explicit Writer(const MachOOptions& options)
+      : order_(options.order), layout_(LayoutOf(options)) {
+    Put32(layout_.is_64 ? kMachOMagic64 : kMachOMagic32);
+    Put32(options.cpu_type);
+    Put32(options.cpu_type == kCpuTypeArm64 ? 0 : 3);
+    Put32(options.dynamic_library ? kDynamicLibraryType : kExecutableType);
+    // The commands, which are counted as they come, and flags.
+    for (int i = 0; i < (layout_.is_64 ? 4 : 3); ++i) Put32(0);
   }
-  void PutText(std::string_view text) {
+
+  static const SegmentLayout& LayoutOf(const MachOOptions& options) {
+    return (options.cpu_type >> 24) != 0 ? kSegment64 : kSegment32;
+  }
+
+  template <typename T>
+  void Put(T value) {
+    bytes_.resize(bytes_.size() + sizeof(T));
+    StoreInteger(std::span(bytes_), bytes_.size() - sizeof(T), value, order_);
+  }
+  void Put32(uint64_t value) { Put(static_cast<uint32_t>(value)); }
+  void PutWord(uint64_t value) { layout_.is_64 ? Put(value) : Put32(value); }
+  // With zeros behind, up to this size.
+  void PutText(std::string_view text, size_t size) {
     const auto bytes = std::as_bytes(std::span(text));
     bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+    PadTo(bytes_.size() + size - text.size());
   }
-  // Zeros up to there.
   void PadTo(uint64_t size) { bytes_.resize(static_cast<size_t>(size)); }
 
-  // A command's size and the header's counts are set when it is complete.
-  template <typename Body>
-  void PutCommand(uint32_t type, Body body) {
-    const size_t start = bytes_.size();
+  void BeginCommand(uint32_t type, uint64_t size) {
     Put32(type);
-    Put32(0);
-    body();
-    PadTo(RoundUp(bytes_.size(), 8));
-    Store32(start + 4, bytes_.size() - start);
+    Put32(size);
     Add(MachOHeader::kCommandCountOffset, 1);
-    Add(MachOHeader::kCommandsSizeOffset, bytes_.size() - start);
+    Add(MachOHeader::kCommandsSizeOffset, static_cast<uint32_t>(size));
+  }
+  void PutSegment(const Place& segment, uint64_t base, uint64_t vm_size,
+                  uint32_t protection, const std::vector<Place>& sections) {
+    BeginCommand(layout_.is_64 ? kSegmentCommand64 : kSegmentCommand32,
+                 layout_.size + sections.size() * layout_.section_size);
+    PutText(segment.name, kNameSize);
+    PutWord(base + segment.offset);
+    PutWord(vm_size);
+    PutWord(segment.offset);
+    PutWord(segment.size);
+    for (const uint64_t field :
+         {uint64_t{protection}, uint64_t{protection}, sections.size()}) {
+      Put32(field);
+    }
+    Put32(0);
+    for (const Place& section : sections) {
+      PutText(section.name, kNameSize);
+      PutText(segment.name, kNameSize);
+      PutWord(base + section.offset);
+      PutWord(section.size);
+      Put32(section.offset);
+      for (int i = 0; i < (layout_.is_64 ? 7 : 6); ++i) Put32(0);
+    }
   }
 
   size_t size() const { return bytes_.size(); }
   std::vector<std::byte> Take() { return std::move(bytes_); }
 
  private:
-  template <typename T>
-  void Put(T value) {
-    bytes_.resize(bytes_.size() + sizeof(T));
-    StoreInteger(std::span(bytes_), bytes_.size() - sizeof(T), value, order_);
-  }
-  void Store32(size_t offset, size_t value) {
-    StoreInteger(std::span(bytes_), offset, static_cast<uint32_t>(value),
-                 order_);
-  }
-  void Add(size_t offset, size_t value) {
-    Store32(offset, value + LoadInteger<uint32_t>(bytes_, offset, order_));
+  void Add(size_t offset, uint32_t value) {
+    StoreInteger(std::span(bytes_), offset,
+                 value + LoadInteger<uint32_t>(bytes_, offset, order_), order_);
   }
 
-  ByteOrder order_;
-  bool is_64_;
+  const ByteOrder order_;
+  const SegmentLayout& layout_;
   std::vector<std::byte> bytes_;
 };
 
-// What the commands say about the rest of the image.
-struct Places {
-  uint64_t base = 0;
-  uint64_t code = 0;
-  uint64_t info_dictionary = 0;
-  uint64_t text_size = 0;
-  uint64_t page_size = 0;
-};
-
-constexpr uint64_t kLinkEditSize = 32;
-
-// The header and load commands; they are as long whatever the places are.
-Writer PutCommands(const MachOOptions& options, const Places& places) {
-  const bool is_64 = (options.cpu_type >> 24) != 0;
-  const uint32_t segment_command =
-      is_64 ? kSegmentCommand64 : kSegmentCommand32;
-  Writer out(options.order, is_64);
-  out.Put32(is_64 ? kMachOMagic64 : kMachOMagic32);
-  out.Put32(options.cpu_type);
-  out.Put32(options.cpu_type == kCpuTypeArm64 ? 0 : 3);
-  out.Put32(options.dynamic_library ? kDynamicLibraryType : kExecutableType);
-  out.Put32(0);
-  out.Put32(0);
-  out.Put32(0x85);  // Complete, for the dynamic loader, two-level names.
-  if (is_64) out.Put32(0);
-
-  struct SectionPlace {
-    std::string_view name;
-    uint64_t offset;
-    uint64_t size;
-  };
-  const auto put_segment = [&](std::string_view name, uint64_t address,
-                               uint64_t vm_size, uint64_t offset, uint64_t size,
-                               uint32_t protection,
-                               const std::vector<SectionPlace>& sections) {
-    out.PutCommand(segment_command, [&] {
-      out.PutName(name);
-      out.PutWord(address);
-      out.PutWord(vm_size);
-      out.PutWord(offset);
-      out.PutWord(size);
-      out.Put32(protection);
-      out.Put32(protection);
-      out.Put32(sections.size());
-      out.Put32(0);
-      for (const SectionPlace& section : sections) {
-        out.PutName(section.name);
-        out.PutName(name);
-        out.PutWord(places.base + section.offset);
-        out.PutWord(section.size);
-        out.Put32(section.offset);
-        for (int i = 0; i < (is_64 ? 7 : 6); ++i) out.Put32(0);
-      }
-    });
-  };
-  constexpr uint32_t kRead = 1;
-  constexpr uint32_t kReadAndExecute = 5;
-  if (!options.dynamic_library) {
-    put_segment("__PAGEZERO", 0, places.base, 0, 0, 0, {});
-  }
-  std::vector<SectionPlace> sections = {
-      {"__text", places.code, options.code_size}};
+// The header and load commands; they are as long wherever the code is.
+Writer PutCommands(const MachOOptions& options, uint64_t code, uint64_t page,
+                   uint64_t end) {
+  const uint64_t base = options.dynamic_library ? 0 : page << 8;
+  Writer out(options);
+  std::vector<Place> sections = {{"__text", code, options.code_size}};
   if (!options.info_dictionary.empty()) {
-    sections.push_back({"__info_plist", places.info_dictionary,
+    sections.push_back({"__info_plist", code + options.code_size,
                         options.info_dictionary.size()});
   }
-  put_segment("__TEXT", places.base, places.text_size, 0, places.text_size,
-              kReadAndExecute, sections);
-  put_segment("__LINKEDIT", places.base + places.text_size, places.page_size,
-              places.text_size, kLinkEditSize, kRead, {});
-  out.PutCommand(0x2, [&] {  // Symbols: none, and their strings.
-    out.Put32(places.text_size);
-    out.Put32(0);
-    out.Put32(places.text_size);
-    out.Put32(kLinkEditSize);
-  });
-  const auto put_library = [&](uint32_t type, uint32_t version,
-                               std::string_view name) {
-    out.PutCommand(type, [&] {
-      for (const uint32_t value : {24u, 2u, version, 0x10000u}) {
-        out.Put32(value);
-      }
-      out.PutText(name);
-      out.Put32(0);
-    });
-  };
-  if (options.dynamic_library) {
-    put_library(0xd, options.library_version, "@rpath/libtest.dylib");
-  } else {
-    out.PutCommand(0xe, [&] {
-      out.Put32(12);
-      out.PutText("/usr/lib/dyld");
-      out.Put32(0);
-    });
-    out.PutCommand(0x80000028, [&] {  // The entry point.
-      out.Put64(places.code);
-      out.Put64(0);
-    });
+  out.PutSegment({"__TEXT", 0, end}, base, end, 5, sections);
+  out.PutSegment({"__LINKEDIT", end, kLinkEditSize}, base, page, 1, {});
+  out.BeginCommand(0x2, 24);  // Symbols: none, and their strings.
+  for (const uint64_t field : {end, uint64_t{0}, end, kLinkEditSize}) {
+    out.Put32(field);
   }
-  put_library(0xc, 0x10000, "/usr/lib/libSystem.B.dylib");
+  // The library itself, or one that the program uses.
+  out.BeginCommand(options.dynamic_library ? 0xd : 0xc, 56);
+  for (const uint32_t field : {24u, 2u, options.library_version, 0x10000u}) {
+    out.Put32(field);
+  }
+  out.PutText("/usr/lib/libtest.dylib", 32);
   return out;
 }
 
 }  // namespace
 
 std::vector<std::byte> BuildMachO(const MachOOptions& options) {
-  Places places;
-  places.page_size = options.cpu_type == kCpuTypeArm64 ? 0x4000 : 0x1000;
-  if (!options.dynamic_library) {
-    places.base = options.cpu_type == kCpuTypeX86 ? 0x1000 : 0x100000000;
-  }
-  places.code = PutCommands(options, places).size() + options.room;
-  places.info_dictionary = places.code + options.code_size;
-  places.text_size =
-      RoundUp(places.info_dictionary + options.info_dictionary.size(),
-              places.page_size);
-  Writer image = PutCommands(options, places);
-  image.PadTo(places.code);
+  const uint64_t page = options.cpu_type == kCpuTypeArm64 ? 0x4000 : 0x1000;
+  const uint64_t code = PutCommands(options, 0, page, 0).size() + options.room;
+  const uint64_t size =
+      code + options.code_size + options.info_dictionary.size();
+  const uint64_t end = (size + page - 1) / page * page;
+  Writer image = PutCommands(options, code, page, end);
+  image.PadTo(code);
   for (size_t i = 0; i < options.code_size; ++i) {
-    const char code = static_cast<char>(i * 7 + i / 251);
-    image.PutText({&code, 1});
+    image.Put(static_cast<uint8_t>(i * 7 + i / 251));
   }
-  image.PutText(options.info_dictionary);
-  image.PadTo(places.text_size + kLinkEditSize);
+  image.PutText(options.info_dictionary, options.info_dictionary.size());
+  image.PadTo(end + kLinkEditSize);
   return image.Take();
 }
 

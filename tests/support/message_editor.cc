@@ -1,6 +1,5 @@
 #include "tests/support/message_editor.h"
 
-#include <openssl/objects.h>
 #include <algorithm>
 #include <stdexcept>
 
@@ -31,11 +30,7 @@ Bytes BerNode::Encode() const {
     const Bytes encoding = part.Encode();
     content.insert(content.end(), encoding.begin(), encoding.end());
   }
-  if (!indefinite) return platform::EncodeDer(tag, {content});
-  Bytes encoding{std::byte{tag}, std::byte{0x80}};
-  encoding.insert(encoding.end(), content.begin(), content.end());
-  encoding.resize(encoding.size() + 2);
-  return encoding;
+  return platform::EncodeDer(tag, {content});
 }
 
 BerNode& EditableMessage::Attribute(const std::vector<uint8_t>& end) {
@@ -52,26 +47,21 @@ void EditableMessage::SignAttributes(
     const platform::SigningIdentity& identity) {
   BerNode hashed = attributes();
   hashed.tag = platform::kBerSet;
-  hashed.indefinite = false;
-  signature().octets = SignDigest(
-      identity, platform::DigestOf(hashed.Encode(),
-                                   *identity.context->Digest(NID_sha256)));
+  signature().octets = SignBytes(identity, hashed.Encode());
 }
 
-Bytes SignDigest(const platform::SigningIdentity& identity,
-                 std::span<const std::byte> digest) {
-  const platform::KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(
-      identity.context->get(), identity.key.get(), nullptr));
-  const auto* const input =
-      reinterpret_cast<const unsigned char*>(digest.data());
+Bytes SignBytes(const platform::SigningIdentity& identity,
+                std::span<const std::byte> bytes) {
+  const platform::DigestContextPtr context(EVP_MD_CTX_new());
   Bytes signature(1024);
   size_t size = signature.size();
-  if (EVP_PKEY_sign_init(context.get()) != 1 ||
-      EVP_PKEY_CTX_set_signature_md(
-          context.get(), identity.context->Digest(NID_sha256)) != 1 ||
-      EVP_PKEY_sign(context.get(),
-                    reinterpret_cast<unsigned char*>(signature.data()), &size,
-                    input, digest.size()) != 1) {
+  if (EVP_DigestSignInit_ex(context.get(), nullptr, "SHA256",
+                            identity.context->get(), nullptr,
+                            identity.key.get(), nullptr) != 1 ||
+      EVP_DigestSign(context.get(),
+                     reinterpret_cast<unsigned char*>(signature.data()), &size,
+                     reinterpret_cast<const unsigned char*>(bytes.data()),
+                     bytes.size()) != 1) {
     throw std::runtime_error("signature");
   }
   signature.resize(size);

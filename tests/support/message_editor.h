@@ -1,5 +1,4 @@
-// Taking CMS messages apart, changing them and putting them together again, in
-// any of the encodings that BER allows.
+// Taking CMS messages apart, changing them and putting them together again.
 #ifndef ZU_TESTS_SUPPORT_MESSAGE_EDITOR_H_
 #define ZU_TESTS_SUPPORT_MESSAGE_EDITOR_H_
 
@@ -18,7 +17,6 @@ struct BerNode {
   std::vector<std::byte> Encode() const;
 
   uint8_t tag = 0;
-  bool indefinite = false;
   std::vector<std::byte> octets = {};  // Of a primitive element.
   std::vector<BerNode> parts = {};     // Of a constructed one.
 };
@@ -32,7 +30,6 @@ struct EditableMessage {
   BerNode& certificates() { return data().parts[3]; }
   BerNode& signers() { return data().parts.back(); }
   BerNode& signer() { return signers().parts[0]; }
-  BerNode& digest_algorithm() { return signer().parts[2].parts[0]; }
   BerNode& attributes() { return signer().parts[3]; }
   BerNode& signature_algorithm() { return signer().parts[4].parts[0]; }
   BerNode& signature() { return signer().parts[5]; }
@@ -43,9 +40,9 @@ struct EditableMessage {
   void SignAttributes(const platform::SigningIdentity& identity);
 };
 
-// With SHA-256; the signature's octets.
-std::vector<std::byte> SignDigest(const platform::SigningIdentity& identity,
-                                  std::span<const std::byte> digest);
+// With SHA-256.
+std::vector<std::byte> SignBytes(const platform::SigningIdentity& identity,
+                                 std::span<const std::byte> bytes);
 
 }  // namespace zu::test
 

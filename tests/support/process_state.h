@@ -16,6 +16,11 @@ inline size_t CountThreads() {
   return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
+inline size_t CountDescriptors() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(descriptors), {}));
+}
+
 // Whether this child, alive or a zombie, is there to be waited for.
 inline bool IsOurChild(pid_t child) {
   siginfo_t info;

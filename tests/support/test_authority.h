@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "build_values.h"
-#include "platform/linux/signing/crypto_context.h"
+#include "platform/linux/signing/signer/signing_identity.h"
 #include "tests/support/http_server.h"
 
 namespace zu::test {
@@ -25,10 +25,10 @@ struct Credential {
   std::string certificates;
 };
 
+// As configuration files spell them, also "1.2.3" and "DER:0500".
 struct Extension {
-  std::string oid;  // Dotted.
-  std::string der;  // The value.
-  bool critical = true;
+  std::string name;
+  std::string value;
 };
 
 // What a leaf says. The defaults are the vendor's.
@@ -78,36 +78,31 @@ class TestAuthority {
   Credential Issue(const LeafOptions& options = {}) const;
 
   // From now on lists and answers name it. Not while a server answers.
-  void Revoke(const Credential& credential);
-  void Revoke(const TestAuthority& subordinate);
+  void Revoke(const std::string& certificate);
 
   // The list of what it has revoked: PEM.
   std::string MakeCrl(const RevocationOptions& options = {}) const;
-  // The answer to an OCSP request: DER.
-  std::string AnswerOcsp(const std::string& request,
-                         const RevocationOptions& options = {}) const;
   // For HttpServer: OCSP by POST, the list (in DER) by GET.
   std::string Answer(const HttpServerRequest& request,
                      const RevocationOptions& options = {}) const;
 
   // The authority's own certificate.
-  const std::string& certificate() const { return certificate_; }
+  const std::string& certificate() const { return own_.certificates; }
 
   // Makes the directory, if need be, with the certificate as its only content.
   void WriteAnchors(const std::filesystem::path& directory) const;
 
  private:
-  std::string key_;
-  std::string certificate_;
+  Credential own_;
   std::vector<std::string> revoked_;  // Certificates.
   // What comes behind a leaf's certificate: none for a root.
   std::string chain_;
 };
 
-// What somebody who is no authority can make: a certificate that vouches for
-// itself, or one issued with a leaf's key.
+// What somebody who is no authority can make.
 Credential MakeSelfSigned(const LeafOptions& options = {});
-Credential IssueBelow(const Credential& leaf, const LeafOptions& options = {});
+
+platform::SigningIdentity ToIdentity(const Credential& credential);
 
 // The first block of PEM text, decoded.
 std::string ToDer(const std::string& pem);

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace zu::test {
@@ -43,6 +44,12 @@ class TestTree {
     } else {
       std::ofstream(path, std::ios::binary) << line.substr(mark + 1);
     }
+  }
+
+  // Lines without blanks, between which there is white space.
+  void PutAll(const std::string& lines) const {
+    std::istringstream stream(lines);
+    for (std::string line; stream >> line;) Put(line);
   }
 
  private:

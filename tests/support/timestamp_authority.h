@@ -21,11 +21,6 @@ std::vector<std::byte> MakeTimestampToken(const Credential& tsa,
 std::vector<std::byte> AnswerTimestampRequest(
     const Credential& tsa, std::span<const std::byte> request, int64_t time);
 
-// A message with signed attributes and, in it, a content of the given type (a
-// libcrypto NID): what tokens are.
-std::vector<std::byte> MakeMessage(const Credential& signer, int content_type,
-                                   std::span<const std::byte> content);
-
 }  // namespace zu::test
 
 #endif  // ZU_TESTS_SUPPORT_TIMESTAMP_AUTHORITY_H_

@@ -176,10 +176,8 @@ const ChildScenario kWatched("Watched", [](const Arguments& arguments) {
   EXPECT_EQ(ZU_FIND(library, ZuOpenSemaphore)(), 0u);
   if (is('H')) std::signal(SIGHUP, [](int) { Record('H'); });
   if (is('T')) std::signal(SIGTERM, [](int) { Record('T'); });
-  if (is('X')) {
-    g_exits_in_handler = true;
-    std::signal(SIGTERM, [](int) { std::exit(7); });
-  }
+  g_exits_in_handler = is('X');
+  if (is('X')) std::signal(SIGTERM, [](int) { std::exit(7); });
   // One that the host waits for; no thread of ours is to take it.
   ::kill(::getpid(), SIGUSR1);
   RunScript(library, threads);
@@ -187,15 +185,6 @@ const ChildScenario kWatched("Watched", [](const Arguments& arguments) {
   EXPECT_TRUE(WaitUntil([=] { return CountThreads() == threads; }));
   return 0;
 });
-
-struct Case {
-  const char* name;
-  std::string script;
-  const char* host;
-  int status;
-  std::string record;
-  const char* log;  // A letter a line.
-};
 
 const std::map<char, std::string> kLines = {
     {'0', "TERMINATION LEVEL 0 - process should be terminated"},
@@ -209,47 +198,46 @@ const std::map<char, std::string> kLines = {
 
 std::string Sleeps(size_t count) { return std::string(count, '.'); }
 
-class WatchdogTest : public zu::test::RootedTest,
-                     public ::testing::WithParamInterface<Case> {};
+using WatchdogTest = zu::test::RootedTest;
 
-TEST_P(WatchdogTest, InAProcessOfItsOwn) {
-  const Case& c = GetParam();
+TEST_F(WatchdogTest, InAProcessOfItsOwn) {
+  const std::string alive(40, 'k');
+  const struct {
+    const char* name;
+    std::string script;
+    const char* host;
+    int status;
+    std::string record;
+    const char* log;  // A letter a line.
+  } rows[] = {{"hangs with signals blocked", "", "B", -SIGHUP, Sleeps(11), "0"},
+              {"outlives all", "..............d", "HTK", 0,
+               Sleeps(11) + "H.T.K.K.", "0122"},
+              {"exits in its handler", "", "HX", 7, Sleeps(11) + "H.", "01"},
+              {"recovers after a signal", "...........k............d", "H", 0,
+               Sleeps(11) + "H" + Sleeps(13) + "H.", "00"},
+              {"grows", "M" + alive, "", -SIGHUP, Sleeps(22), "0"},
+              {"stops twice", "sssi", "", -SIGKILL, ".f===", "f"},
+              {"stops and cannot be killed", "s", "K", -SIGSEGV, ".fKl", "fl"},
+              {"stops and unloads", "su", "", 0, ".f", ""},
+              {"stops and disables", "sd", "", 0, ".f", ""},
+              {"disables", "d", "", 0, ".", ""},
+              {"unloads", "u", "", 0, ".", ""},
+              {"has no thread", "", "N", 0, "", "n"}};
   zu::test::SystemLog log;
-  const zu::test::ChildResult result =
-      zu::test::RunInChild(kWatched, {c.script, c.host});
-  EXPECT_EQ(result.status, c.status);
-  EXPECT_EQ(result.output, c.record);
-  std::vector<std::string> lines;
-  for (const char* line = c.log; *line != '\0'; ++line) {
-    lines.push_back("ZuHelperOSX.WatchdogThread: " + kLines.at(*line));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const zu::test::ChildResult result =
+        zu::test::RunInChild(kWatched, {row.script, row.host});
+    EXPECT_EQ(result.status, row.status);
+    EXPECT_EQ(result.output, row.record);
+    std::vector<std::string> lines;
+    for (const char line : std::string_view(row.log)) {
+      lines.push_back("ZuHelperOSX.WatchdogThread: " + kLines.at(line));
+    }
+    EXPECT_EQ(log.Take(), lines);
+    std::filesystem::remove(kMark);
   }
-  EXPECT_EQ(log.Take(), lines);
-  std::filesystem::remove(kMark);
 }
-
-const std::string kAlive(40, 'k');
-INSTANTIATE_TEST_SUITE_P(
-    Host, WatchdogTest,
-    ::testing::Values(
-        Case{"Hangs", "", "", -SIGHUP, Sleeps(11), "0"},
-        Case{"HangsWithSignalsBlocked", "", "B", -SIGHUP, Sleeps(11), "0"},
-        Case{"OutlivesAll", "..............d", "HTK", 0,
-             Sleeps(11) + "H.T.K.K.", "0122"},
-        Case{"ExitsInItsHandler", "", "HX", 7, Sleeps(11) + "H.", "01"},
-        Case{"RecoversAfterASignal", "...........k............d", "H", 0,
-             Sleeps(11) + "H" + Sleeps(13) + "H.", "00"},
-        Case{"Grows", "M" + kAlive, "", -SIGHUP, Sleeps(22), "0"},
-        Case{"StopsTwice", "sssi", "", -SIGKILL, ".f===", "f"},
-        Case{"StopsAndCannotBeKilled", "s", "K", -SIGSEGV, ".fKl", "fl"},
-        Case{"StopsAndUnloads", "su", "", 0, ".f", ""},
-        Case{"StopsAndDisables", "sd", "", 0, ".f", ""},
-        Case{"Disables", "d", "", 0, ".", ""},
-        Case{"Unloads", "u", "", 0, ".", ""},
-        Case{"HasNoThread", "", "N", 0, "", "n"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-constexpr int kFatalSignals[] = {SIGABRT, SIGBUS,  SIGFPE, SIGILL,
-                                 SIGQUIT, SIGTERM, SIGINT, SIGTSTP};
 
 // Takes the mark when the host ignores the first signal, then sends itself the
 // others.
@@ -282,14 +270,17 @@ using MarkTest = zu::test::RootedTest;
 
 TEST_F(MarkTest, GoesWithItsProcess) {
   // What is ignored, what is sent, and how that ends.
-  std::vector<std::pair<std::vector<int>, int>> rows = {
+  const std::pair<std::vector<int>, int> rows[] = {
       {{0}, 0},
       {{SIGINT, SIGINT}, 0},
       {{SIGTSTP, SIGINT}, 0},
-      {{0, SIGTSTP, SIGABRT}, -SIGABRT}};
-  for (const int signal : kFatalSignals) {
-    if (signal != SIGTSTP) rows.push_back({{0, signal}, -signal});
-  }
+      {{0, SIGTSTP, SIGABRT}, -SIGABRT},
+      {{0, SIGBUS}, -SIGBUS},
+      {{0, SIGFPE}, -SIGFPE},
+      {{0, SIGILL}, -SIGILL},
+      {{0, SIGQUIT}, -SIGQUIT},
+      {{0, SIGTERM}, -SIGTERM},
+      {{0, SIGINT}, -SIGINT}};
   for (const auto& [sent, status] : rows) {
     Arguments signals;
     for (const int signal : sent) signals.push_back(std::to_string(signal));

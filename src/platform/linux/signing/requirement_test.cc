@@ -1,7 +1,6 @@
 #include "platform/linux/signing/requirement.h"
 
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 #include <span>
 #include <sstream>
 
@@ -136,19 +135,15 @@ TEST(RequirementTest, KnowsChainsOfApples) {
   EXPECT_EQ(evaluate(), std::pair(false, false));
 }
 
-CertificatePtr ReadLeaf(const test::Credential& credential) {
-  const BioPtr bio(BIO_new_mem_buf(credential.certificates.data(), -1));
-  return CertificatePtr(
-      PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+CertificateFacts FactsOfLeaf(const std::string& certificates) {
+  return FactsOf(
+      *test::ReadCertificates(*CryptoContext::Create(), certificates).front());
 }
 
 // Names as certificates really carry them: what counts is all of the one name.
 TEST(CertificateFactsTest, HasNamesOfCertificates) {
   const std::string name = test::kDeveloperIdName;
-  const struct {
-    std::vector<std::string> common_names;
-    bool satisfied;
-  } cases[] = {
+  const std::pair<std::vector<std::string>, bool> cases[] = {
       {{name}, true},
       {{name + "\0"s}, false},
       {{name, "other"}, false},
@@ -158,25 +153,23 @@ TEST(CertificateFactsTest, HasNamesOfCertificates) {
       ParseRequirement("certificate leaf [subject.CN] = \"" + name + "\"");
   ASSERT_TRUE(rule.has_value());
   const test::TestAuthority authority;
-  for (const auto& c : cases) {
-    const CertificatePtr leaf =
-        ReadLeaf(authority.Issue({.common_names = c.common_names}));
-    ASSERT_TRUE(leaf);
+  for (const auto& [common_names, satisfied] : cases) {
     SignatureFacts facts;
-    facts.certificates = {FactsOf(*leaf)};
-    EXPECT_EQ(Satisfies(facts, *rule), c.satisfied)
-        << ::testing::PrintToString(c.common_names);
+    facts.certificates = {FactsOfLeaf(
+        authority.Issue({.common_names = common_names}).certificates)};
+    EXPECT_EQ(Satisfies(facts, *rule), satisfied)
+        << ::testing::PrintToString(common_names);
   }
 }
 
 TEST(CertificateFactsTest, HasExtensionsAndDigests) {
-  const test::Credential credential = test::TestAuthority().Issue(
-      {.extensions = {{"1.2.3.1", "\x0c\x02hi", false},
-                      {"1.2.3.2", "\x05\x00"s, false},
-                      {"1.2.3.3", "\x0c\x01hi", false},
-                      {"1.2.3.4", "\x0c\x01i", false},
-                      {"1.2.3.4", "\x0c\x01i", false}}});
-  const CertificateFacts facts = FactsOf(*ReadLeaf(credential));
+  const test::Credential credential =
+      test::TestAuthority().Issue({.extensions = {{"1.2.3.1", "DER:0c026869"},
+                                                  {"1.2.3.2", "DER:0500"},
+                                                  {"1.2.3.3", "DER:0c016869"},
+                                                  {"1.2.3.4", "DER:0c0169"},
+                                                  {"1.2.3.4", "DER:0c0169"}}});
+  const CertificateFacts facts = FactsOfLeaf(credential.certificates);
   EXPECT_EQ(facts.fields.at("field.1.2.3.1"), "hi");
   EXPECT_EQ(facts.fields.at("field.1.2.3.2"), "\x05\x00"s);
   EXPECT_EQ(facts.fields.at("field.1.2.3.3"), "\x0c\x01hi");

@@ -34,14 +34,6 @@ FileDescriptor MakeFile(std::span<const std::byte> bytes) {
   return file;
 }
 
-SigningIdentity Identity(const Credential& credential) {
-  std::string error;
-  auto identity =
-      SigningIdentity::FromPem(credential.key, credential.certificates, error);
-  EXPECT_TRUE(identity) << error;
-  return *std::move(identity);
-}
-
 // An ELF file with a signature of the caller's behind the content.
 Bytes WithSignature(std::span<const std::byte> signature) {
   const auto content = std::as_bytes(std::span(kContent));
@@ -72,35 +64,33 @@ class VerifierTest : public ::testing::Test {
   }
 
   Bytes SignElf(const Credential& credential) const {
-    const auto content = std::as_bytes(std::span(kContent));
     std::string error;
     const auto signature =
-        CreateSignature(Identity(credential), MakeFile(content).get(),
+        CreateSignature(test::ToIdentity(credential),
+                        MakeFile(std::as_bytes(std::span(kContent))).get(),
                         kContent.size(), "com.example.tool", error);
     EXPECT_TRUE(signature) << error;
     return WithSignature(*signature);
   }
-  // Without a credential ad-hoc.
-  Bytes SignImage(const Credential* credential, std::vector<CodeHash> hashes,
-                  const std::string& information = "") const {
-    const std::string path = tree_.Path("image");
-    test::WriteBytes(path, test::BuildMachO({.info_dictionary = information}));
-    std::optional<SigningIdentity> identity;
-    if (credential != nullptr) identity = Identity(*credential);
+  // Empty when the signer refuses, and leaves the file as it is.
+  Bytes SignImage(const MachOSignOptions& options,
+                  const Bytes& image = test::BuildMachO()) const {
+    const test::TestTree tree;
+    const std::string path = tree.Path("image");
+    test::WriteBytes(path, image);
     std::string error;
-    EXPECT_EQ(SignMachO(path,
-                        {.identifier = "com.example.tool",
-                         .identity = identity ? &*identity : nullptr,
-                         .hashes = std::move(hashes)},
-                        error),
-              SignResult::kSigned)
-        << error;
-    Bytes bytes = test::ReadBytes(path);
-    std::filesystem::remove(path);  // Beside the anchors.
-    return bytes;
+    const SignResult result = SignMachO(path, options, error);
+    const Bytes signed_image = test::ReadBytes(path);
+    if (result == SignResult::kSigned) return signed_image;
+    EXPECT_EQ(result, SignResult::kRefused) << error;
+    EXPECT_EQ(signed_image, image);
+    return {};
   }
   Bytes SignImage(const Credential& credential) const {
-    return SignImage(&credential, {CodeHash::kSha1, CodeHash::kSha256});
+    const SigningIdentity identity = test::ToIdentity(credential);
+    return SignImage({.identifier = "com.example.tool",
+                      .identity = &identity,
+                      .hashes = {CodeHash::kSha1, CodeHash::kSha256}});
   }
 
   const test::TestTree tree_;
@@ -142,12 +132,52 @@ TEST_F(VerifierTest, DetectsEveryChangedByte) {
   }
 }
 
+TEST_F(VerifierTest, AcceptsWhatTheSignerMakes) {
+  using H = CodeHash;
+  const Bytes arm =
+      test::BuildMachO({.cpu_type = kCpuTypeArm64, .dynamic_library = true});
+  const Bytes old = test::BuildMachO({.cpu_type = kCpuTypeX86});
+  const std::pair<Bytes, std::vector<CodeHash>> cases[] = {
+      {test::BuildMachO({.cpu_type = 18, .order = ByteOrder::kBig}),
+       {H::kSha1, H::kSha256}},
+      {test::BuildUniversal({old, test::BuildMachO(), arm}),
+       {H::kSha1, H::kSha256, H::kSha384, H::kSha256Truncated}},
+      {test::BuildUniversal({arm, old}, true), {H::kSha1, H::kSha384}},
+  };
+  const SigningIdentity identity = test::ToIdentity(authority_.Issue());
+  for (const auto& [image, hashes] : cases) {
+    SCOPED_TRACE(hashes.size());
+    const Bytes empty(1);
+    MachOSignOptions options{.identity = &identity,
+                             .hashes = hashes,
+                             .entitlements = empty,
+                             .der_entitlements = empty};
+    const Verification result =
+        Verify(SignImage(options, image), {.all_architectures = true});
+    EXPECT_EQ(result.status, kCodeSigningSuccess) << result.reason;
+    EXPECT_EQ(result.facts.cdhashes.size(), hashes.size());
+    // Signed anew only when asked, and as if for the first time.
+    options = {.identifier = "first"};
+    const Bytes once = SignImage(options, image);
+    EXPECT_EQ(SignImage(options, once), Bytes());
+    options.replace = true;
+    const Bytes longer =
+        SignImage({.identifier = "another, longer", .replace = true}, once);
+    EXPECT_EQ(Verify(longer).status, kCodeSigningSuccess);
+    EXPECT_EQ(SignImage(options, longer), once);
+  }
+  EXPECT_EQ(SignImage({}, test::BuildMachO({.room = 15})), Bytes());
+}
+
 // Ad-hoc code is known by its digest, which must not be had by carrying a
 // genuine directory beside one's own.
 TEST_F(VerifierTest, TakesNoForeignDigestFromAdHocCode) {
-  const Bytes good = SignImage(nullptr, {CodeHash::kSha256}, "good");
-  Bytes evil =
-      SignImage(nullptr, {CodeHash::kSha256, CodeHash::kSha384}, "evil");
+  const auto sign = [&](const char* information, std::vector<CodeHash> hashes) {
+    return SignImage({.hashes = std::move(hashes)},
+                     test::BuildMachO({.info_dictionary = information}));
+  };
+  const Bytes good = sign("good", {CodeHash::kSha256});
+  Bytes evil = sign("evil", {CodeHash::kSha256, CodeHash::kSha384});
   // Magic number, and a length that is the same in both.
   const auto directory = [](auto& file) {
     constexpr std::byte kMagic[] = {std::byte{0xfa}, std::byte{0xde},
@@ -187,7 +217,7 @@ TEST_F(VerifierTest, ServesManyThreads) {
 // Messages that libcrypto itself would accept, made with its own functions.
 TEST_F(VerifierTest, RefusesOtherKindsOfMessages) {
   constexpr unsigned kFlags = CMS_BINARY | CMS_DETACHED | CMS_PARTIAL;
-  const SigningIdentity identity = Identity(authority_.Issue());
+  const SigningIdentity identity = test::ToIdentity(authority_.Issue());
   constexpr int32_t kUnsupported = kCodeSigningSignatureUnsupported;
   const struct {
     const char* name;
@@ -218,14 +248,12 @@ TEST_F(VerifierTest, RefusesOtherKindsOfMessages) {
     Bytes der(static_cast<size_t>(i2d_CMS_ContentInfo(message.get(), nullptr)));
     auto* out = reinterpret_cast<unsigned char*>(der.data());
     i2d_CMS_ContentInfo(message.get(), &out);
-    const Verification result = Verify(WithSignature(der));
+    const Bytes file = WithSignature(der);
+    const Verification result = Verify(file);
     EXPECT_EQ(result.status, c.status) << c.name << ": " << result.reason;
-    if (c.status == 0) {
-      EXPECT_EQ(
-          Verify(WithSignature(der), {.max_content_size = kContent.size() - 1})
-              .status,
-          kCodeSigningNotVerifiable);
-    }
+    if (c.status != 0) continue;
+    EXPECT_EQ(Verify(file, {.max_content_size = kContent.size() - 1}).status,
+              kCodeSigningNotVerifiable);
   }
 }
 

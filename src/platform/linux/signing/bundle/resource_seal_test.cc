@@ -9,10 +9,10 @@
 namespace zu::platform {
 namespace {
 
-// Digests of "hello\n".
-constexpr char kSha1[] = "<data>9XLTlvrpIGYocU+yzgD3LpTyJY8=</data>";
+// Digests of "hello".
+constexpr char kSha1[] = "<data>qvTGHdzF6KLavt4PO0gs2a6pQ00=</data>";
 constexpr char kSha256[] =
-    "<data>WJG1tSLV3whtD/CxEPvZ0hu0/HFjrzTQgoai6Eb2vgM=</data>";
+    "<data>LPJNul+wow4m6DsqxbninhsWHlwfp0JecwQzYpOLmCQ=</data>";
 
 // A dictionary out of names and values.
 using Fields = std::vector<std::pair<std::string, std::string>>;
@@ -56,26 +56,18 @@ const Fields kRules2 = {
      Dictionary({{"omit", "<true/>"}, {"weight", "<integer>30</integer>"}})},
     {"skipped/but$", "<integer>40</integer>"},
 };
-const std::vector<std::string> kTree = {
-    "Resources/a=hello\n",
-    "Resources/b=hello\n",
-    "Resources/link>a",
-    "Frameworks/F.framework/F=anything",
-    "MacOS/tool=anything",
-    "MacOS/Run=anything",
-    "_CodeSignature/CodeResources=anything",
-    "_MASReceipt/receipt=anything",
-    "CodeResources>_CodeSignature/CodeResources",
-    "Resources/skip.txt=anything",
-    "Resources/skipped/file=anything",
-    "Frameworks/.DS_Store=anything",
-};
+const char kTree[] = R"(Resources/a=hello Resources/b=hello Resources/link>a
+    Resources/skip.txt=x Resources/skipped/file=x Frameworks/F.framework/F=x
+    Frameworks/.DS_Store=x MacOS/tool=x MacOS/Run=x _MASReceipt/receipt=x
+    _CodeSignature/CodeResources=x
+    CodeResources>_CodeSignature/CodeResources)";
 
 // What one seal says about the tree after each of some changes.
 struct Change {
   const char* name;
-  std::vector<std::string> lines;
-  int32_t expected;
+  std::string lines;
+  int32_t expected = -67054;
+  std::string pipe = "";  // To be made.
 };
 
 void Verify(const std::string& text, const std::vector<Change>& changes) {
@@ -85,30 +77,25 @@ void Verify(const std::string& text, const std::vector<Change>& changes) {
   for (const Change& change : changes) {
     SCOPED_TRACE(change.name);
     const test::TestTree tree;
-    for (const std::string& line : kTree) tree.Put(line);
-    for (const std::string& line : change.lines) {
-      if (line.front() == '|') {
-        ::mkfifo(tree.Path(line.substr(1)).c_str(), 0600);
-      } else {
-        tree.Put(line);
-      }
+    tree.PutAll(kTree);
+    tree.PutAll(change.lines);
+    if (!change.pipe.empty()) {
+      ASSERT_EQ(::mkfifo(tree.Path(change.pipe).c_str(), 0600), 0);
     }
-    const BundleLayout bundle{.root = tree.root(),
-                              .resource_base = tree.root(),
-                              .info_dictionary = {},
-                              .executable = tree.Path("MacOS/Run"),
-                              .signature_directory = {}};
+    BundleLayout bundle;
+    bundle.root = bundle.resource_base = tree.root();
+    bundle.executable = tree.Path("MacOS/Run");
     uint64_t budget = 1000;
     std::vector<ResourceSeal::NestedCode> nested;
-    EXPECT_EQ(seal->VerifyResources(*context, bundle, budget, nested),
-              change.expected);
+    const auto verify = [&] {
+      return seal->VerifyResources(*context, bundle, budget, nested);
+    };
+    EXPECT_EQ(verify(), change.expected);
     for (const auto& code : nested) EXPECT_EQ(code.requirement, "good");
-    if (change.expected == 0) {
-      EXPECT_LT(budget, 1000u);
-      budget = 5;
-      EXPECT_EQ(seal->VerifyResources(*context, bundle, budget, nested),
-                -67054);
-    }
+    if (change.expected != 0) continue;
+    EXPECT_LT(budget, 1000u);
+    budget = 5;
+    EXPECT_EQ(verify(), -67054);
   }
 }
 
@@ -118,21 +105,21 @@ TEST(ResourceSealTest, ComparesSecondGeneration) {
                      {"files2", Dictionary(kFiles2)},
                      {"rules2", Dictionary(kRules2)}}),
          {
-             {"as sealed", {}, 0},
-             {"optional there", {"Resources/en.lproj/c=hello\n"}, 0},
-             {"changed", {"Resources/a=hullo\n"}, -67054},
-             {"changed, SHA-1 only", {"Resources/b=hullo\n"}, -67054},
-             {"missing", {"-Resources/a"}, -67054},
-             {"added", {"Resources/d=x"}, -67054},
-             {"omitted changed", {"Resources/skip.txt=x", "a/.DS_Store=x"}, 0},
-             {"inside omitted, sealed", {"Resources/skipped/but=x"}, -67054},
-             {"below an omitted name", {"a/.DS_Store/new=x"}, -67054},
-             {"link beginning alike", {"Resources/link>ab"}, -67054},
-             {"link for file", {"c>x", "Resources/a>b"}, -67054},
-             {"pipe for file", {"-Resources/a", "|Resources/a"}, -67016},
-             {"inside nested code", {"Frameworks/F.framework/new=x"}, 0},
-             {"nested file added", {"MacOS/other=x"}, -67054},
-             {"nested code missing", {"-MacOS/tool"}, -67054},
+             {"as sealed", "", 0},
+             {"optional there", "Resources/en.lproj/c=hello", 0},
+             {"changed", "Resources/a=hullo"},
+             {"changed, SHA-1 only", "Resources/b=hullo"},
+             {"missing", "-Resources/a"},
+             {"added", "Resources/d=x"},
+             {"omitted changed", "Resources/skip.txt=x a/.DS_Store=x", 0},
+             {"inside omitted, sealed", "Resources/skipped/but=x"},
+             {"below an omitted name", "a/.DS_Store/new=x"},
+             {"link beginning alike", "Resources/link>ab"},
+             {"link for file", "c>x Resources/a>b"},
+             {"pipe for file", "-Resources/a", -67016, "Resources/a"},
+             {"inside nested code", "Frameworks/F.framework/new=x", 0},
+             {"nested file added", "MacOS/other=x"},
+             {"nested code missing", "-MacOS/tool"},
          });
 }
 
@@ -148,10 +135,10 @@ TEST(ResourceSealTest, ComparesFirstGeneration) {
                             Dictionary({{"omit", "<true/>"},
                                         {"weight", "<real>2</real>"}})}})}}),
          {
-             {"as sealed", {}, 0},
-             {"changed", {"Resources/a=hullo\n"}, -67054},
-             {"link changed", {"Resources/link>b"}, 0},
-             {"no rule for it", {"MacOS/tool=x", "Other/d=x", "|pipe"}, 0},
+             {"as sealed", "", 0},
+             {"changed", "Resources/a=hullo"},
+             {"link changed", "Resources/link>b", 0},
+             {"no rule for it", "MacOS/tool=x Other/d=x", 0, "pipe"},
          });
 }
 

@@ -1,13 +1,13 @@
 #include "platform/linux/signing/cms/timestamp.h"
 
 #include <gtest/gtest.h>
-#include <openssl/objects.h>
 #include <algorithm>
 #include <functional>
 #include <string>
 
 #include "platform/linux/signing/cms/ber.h"
-#include "platform/linux/signing/signer/signing_identity.h"
+#include "platform/linux/signing/signer/cms_writer.h"
+#include "tests/support/http_server.h"
 #include "tests/support/message_editor.h"
 #include "tests/support/timestamp_authority.h"
 
@@ -21,8 +21,11 @@ using Bytes = std::vector<std::byte>;
 
 constexpr int64_t kTime = 1'344'633'954;  // 2012-08-10 21:25:54
 const Bytes kValue(64, std::byte{0x17});
-// The end of an object identifier.
+// The ends of object identifiers.
+const std::vector<uint8_t> kContentType = {9, 3};
 const std::vector<uint8_t> kSignerReference = {9, 16, 2, 47};
+const test::LeafOptions kStamping{.extended_key_usage =
+                                      "critical,timeStamping"};
 
 void TakeReferenceAway(EditableMessage& message) {
   message.Attribute(kSignerReference).parts[0].octets.back() = std::byte{99};
@@ -31,12 +34,8 @@ void TakeReferenceAway(EditableMessage& message) {
 TEST(TimestampTest, IsOfItsSignerAndOfTheValue) {
   const test::TestAuthority root;
   const test::TestAuthority middle("Middle", &root);
-  const test::Credential credential =
-      middle.Issue({.extended_key_usage = "critical,timeStamping"});
-  std::string error;
-  const auto signer =
-      SigningIdentity::FromPem(credential.key, credential.certificates, error);
-  ASSERT_TRUE(signer) << error;
+  const test::Credential credential = middle.Issue(kStamping);
+  const SigningIdentity signer = test::ToIdentity(credential);
   const Bytes token = test::MakeTimestampToken(credential, kValue, kTime);
 
   const struct {
@@ -67,55 +66,54 @@ TEST(TimestampTest, IsOfItsSignerAndOfTheValue) {
          m.attributes().parts.push_back(reference);
        },
        true, false},
+      {"not said to be a timestamp",
+       [](auto& m) {
+         m.type().octets.back() ^= std::byte{1};
+         m.Attribute(kContentType).parts[1].parts[0].octets.back() ^=
+             std::byte{1};
+       },
+       true, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EditableMessage edited{BerNode::Parse(token)};
     c.apply(edited);
-    if (c.sign_anew) edited.SignAttributes(*signer);
+    if (c.sign_anew) edited.SignAttributes(signer);
     const Bytes bytes = edited.root.Encode();
-    const auto timestamp = VerifyTimestampToken(signer->context, bytes, kValue);
+    const auto timestamp = VerifyTimestampToken(signer.context, bytes, kValue);
     ASSERT_EQ(timestamp.has_value(), c.good);
-    EXPECT_FALSE(VerifyTimestampToken(signer->context, bytes, Bytes(64)));
+    EXPECT_FALSE(VerifyTimestampToken(signer.context, bytes, Bytes(64)));
     if (timestamp) {
       EXPECT_EQ(timestamp->time, kTime);
     }
   }
-  // The same content, but not said to be a timestamp's.
-  const BerNode info =
-      EditableMessage{BerNode::Parse(token)}.data().parts[2].parts[1].parts[0];
-  const Bytes other =
-      test::MakeMessage(credential, NID_pkcs7_data, info.octets);
-  EXPECT_FALSE(VerifyTimestampToken(signer->context, other, kValue));
 }
 
-TEST(TimestampInfoTest, IsParsed) {
-  const std::string head =  // Up to the time.
-      "\2\1\1\6\1\x2a\x30\x0f\x30\x0b\6\x09"
-      "\x60\x86\x48\1\x65\3\4\2\1\4\0\2\1\7"s;
-  const std::string time =
-      "\x18\x0f"
-      "20120810212554Z";
-  const std::pair<std::string, std::optional<std::string>> cases[] = {
-      {time, ""},
-      {time + "\x30\3\2\1\1\1\1\xff\2\1z\xa0\0\xa1\0"s, "z"},
-      {"\x17\x0d"
-       "120810212554Z",
-       std::nullopt},
-      {"", std::nullopt},
-  };
-  for (const auto& [fields, nonce] : cases) {
-    SCOPED_TRACE(fields);
-    const std::string text = head + fields;
-    Bytes bytes = EncodeDer(kBerSequence, {std::as_bytes(std::span(text))});
-    const auto info = ParseTimestampInfo(bytes);
-    ASSERT_EQ(info.has_value(), nonce.has_value());
-    if (!info) continue;
-    EXPECT_EQ(info->time, kTime);
-    const auto octets = std::as_bytes(std::span(*nonce));
-    EXPECT_TRUE(std::ranges::equal(info->nonce.value_or(Bytes()), octets));
-    bytes.resize(bytes.size() + 1);
-    EXPECT_FALSE(ParseTimestampInfo(bytes));
+// What signing takes from a responder: nothing but the answer to its question.
+TEST(TimestampTest, ComesFromAResponder) {
+  const test::TestAuthority authority;
+  const test::Credential tsa = authority.Issue(kStamping);
+  enum { kGrant, kRepeat, kRefuse } mode = kGrant;
+  std::string answer;
+  const test::HttpServer responder([&](const auto& request) {
+    if (mode == kRefuse) return "\x30\x05\x30\x03\x02\x01\x02"s;
+    if (mode == kGrant) {
+      const Bytes granted = test::AnswerTimestampRequest(
+          tsa, std::as_bytes(std::span(request.body)), kTime);
+      answer.assign(reinterpret_cast<const char*>(granted.data()),
+                    granted.size());
+    }
+    return answer;
+  });
+  for (const auto next : {kGrant, kRepeat, kRefuse}) {
+    mode = next;
+    std::string error;
+    const auto token = TimestampFromResponder(responder.url())(kValue, error);
+    ASSERT_EQ(token.has_value(), next == kGrant) << error;
+    if (!token) continue;
+    const auto timestamp =
+        VerifyTimestampToken(CryptoContext::Create(), *token, kValue);
+    EXPECT_EQ(timestamp ? timestamp->time : 0, kTime);
   }
 }
 

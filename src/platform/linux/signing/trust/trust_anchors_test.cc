@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <filesystem>
-#include <fstream>
 
 #include "tests/support/test_authority.h"
+#include "tests/support/test_tree.h"
 #include "tests/support/wait_until.h"
 
 namespace zu::platform {
@@ -18,12 +17,7 @@ using test::ToDer;
 
 class TrustAnchorsTest : public ::testing::Test {
  protected:
-  TrustAnchorsTest() {
-    char pattern[] = "/tmp/zu_anchors.XXXXXX";
-    top_ = ::mkdtemp(pattern);
-    Renew();
-  }
-  void TearDown() override { fs::remove_all(top_); }
+  TrustAnchorsTest() { Renew(); }
 
   void Renew() {
     fs::remove_all(top_ / "anchors");
@@ -44,7 +38,8 @@ class TrustAnchorsTest : public ::testing::Test {
   TrustAnchors Make() const { return {context_, top_ / "anchors"}; }
 
   const std::shared_ptr<const CryptoContext> context_ = CryptoContext::Create();
-  fs::path top_;
+  const test::TestTree tree_;
+  const fs::path top_ = tree_.root();
 };
 
 TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
