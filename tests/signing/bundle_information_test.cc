@@ -16,28 +16,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
+using BundleInformationTest = RootedTest;
 
 const std::string kRoot = "/tmp/bundles/";
 const std::string kDictionary = kRoot + "A.app/Contents/Info.plist";
 
-std::string Xml(const std::string& entries) {
-  return "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>";
-}
-
-// A list of these objects, the first of which is its root.
-std::string Binary(const std::vector<std::string>& objects) {
-  std::string list = "bplist00", table;
-  const auto big = [](size_t value, int size) {
-    std::string bytes;
-    while (size-- > 0) bytes += static_cast<char>(value >> 8 * size);
-    return bytes;
-  };
-  for (const std::string& object : objects) {
-    table += big(list.size(), 4);
-    list += object;
-  }
-  return list + table + "\0\0\0\0\0\0\4\1"s + big(objects.size(), 8) +
-         big(0, 8) + big(list.size(), 8);
+std::string Xml(const std::string& key, const std::string& value) {
+  return "<dict><key>" + key + "</key>" + value + "</dict>";
 }
 
 // Absent when the library gives 0; it must not have changed anything then.
@@ -53,14 +38,6 @@ std::optional<std::string> InfoOf(const std::string& path) {
   return buffer.substr(0, size);
 }
 
-class BundleInformationTest : public RootedTest {
- protected:
-  void SetUp() override {
-    RootedTest::SetUp();
-    fs::remove_all(kRoot);
-  }
-};
-
 TEST_F(BundleInformationTest, ComesFromTheRightDictionary) {
   const struct {
     const char* file;
@@ -71,26 +48,20 @@ TEST_F(BundleInformationTest, ComesFromTheRightDictionary) {
        "A.app/Contents",
        {"A.app", "A.app/Resources"}},
       {"A.app/A", "A.app/Resources", {"A.app"}},
-      {"A.bundle", "A.bundle"},
-      {"A.plugin/", "A.plugin/Contents"},
-      {"F.framework/F", "F.framework/Resources", {"F.framework/Contents"}},
       {"F.framework/Versions/A/F",
        "F.framework/Versions/A/Resources",
-       {"F.framework"}},
-      {"K.kext/F.framework/F", "K.kext/F.framework", {"K.kext/Contents"}},
+       {"F.framework/Contents"}},
       {"K.kext/A.app/P.plugin/P",
        "K.kext/A.app/Contents",
        {"K.kext/Contents", "K.kext/A.app/P.plugin/Contents"}},
       // The first ".app" is in another name, and leads nowhere.
       {"an.application/A.app/A", "", {"an.application/A.app"}},
-      {"A.app/Contents/A", "", {"A.app"}},
       {"A.APP/A", nullptr, {"A.APP/Contents"}},
-      {"file", nullptr},
+      {"A.app/\xff", nullptr, {"A.app/Contents"}},
   };
   const auto write = [](std::string directory, const std::string& identifier) {
     WriteFile(kRoot + directory + "/Info.plist",
-              Xml("<key>CFBundleIdentifier</key><string>" + identifier +
-                  "</string>"));
+              Xml("CFBundleIdentifier", "<string>" + identifier + "</string>"));
   };
   for (const auto& [file, right, wrong] : rows) {
     fs::remove_all(kRoot);
@@ -100,21 +71,20 @@ TEST_F(BundleInformationTest, ComesFromTheRightDictionary) {
     for (const char* directory : wrong) write(directory, "wrong");
     if (readable) write(right, "right");
     if (!fs::exists(kRoot + file)) WriteFile(kRoot + file, "");
-    const auto info = InfoOf(kRoot + file);
-    EXPECT_EQ(info.has_value(), right != nullptr) << file;
-    EXPECT_EQ(info.value_or("{}"),
-              readable ? R"({"ProductName":"right"})" : "{}")
-        << file;
+    std::optional<std::string> expected;
+    if (right != nullptr) expected = "{}";
+    if (readable) expected = R"({"ProductName":"right"})";
+    EXPECT_EQ(InfoOf(kRoot + file), expected) << file;
   }
 }
 
 // The values as the platform's writer has them.
 TEST_F(BundleInformationTest, TellsValuesInJson) {
   // An empty text: no object at all.
-  const std::pair<const char*, const char*> rows[] = {
+  const std::pair<const char*, std::string> rows[] = {
       {"<string>1/2 \"\\\n\t\u007f\u00e9\U0001F600</string>",
        "\"1\\/2 \\\"\\\\\\n\\t\u007f\u00e9\U0001F600\""},
-      {"<string></string>", "\"\""},
+      {"<string>&#1;&#31;&#8;&#12;</string>", "\"\\u0001\\u001f\\b\\f\""},
       {"<array><true/><false/><integer>-7</integer><array/><dict/></array>",
        "[true,false,-7,[],{}]"},
       {"<array><real>0.1</real><real>1</real><real>-1e300</real></array>",
@@ -122,40 +92,32 @@ TEST_F(BundleInformationTest, TellsValuesInJson) {
       {"<dict><key>a/</key><dict><key>b</key><string>c</string></dict>"
        "<key>d</key><true/><key>d</key><false/></dict>",
        R"({"a\/":{"b":"c"},"d":false})"},
-      {"<data>AAAA</data>", ""},
       {"<array><date>2020-01-02T03:04:05Z</date></array>", ""},
       {"<dict><key>a</key><real>nan</real></dict>", ""},
-      {"<real>-infinity</real>", ""},
   };
   for (const auto& [value, json] : rows) {
-    WriteFile(kDictionary,
-              Xml("<key>CFBundleShortVersionString</key>"s + value +
-                  "<key>NSHumanReadableCopyright</key><string>C</string>"));
-    EXPECT_EQ(InfoOf(kDictionary).value_or(R"({"Copyright":"C","Version":})"),
-              R"({"Copyright":"C","Version":)"s + json + "}")
-        << value;
+    WriteFile(kDictionary, Xml("CFBundleShortVersionString",
+                               value + "<key>NSHumanReadableCopyright</key>"
+                                       "<string>C</string>"s));
+    std::optional<std::string> expected;
+    if (!json.empty()) expected = R"({"Copyright":"C","Version":)" + json + "}";
+    EXPECT_EQ(InfoOf(kDictionary), expected) << value;
   }
-}
-
-TEST_F(BundleInformationTest, ReadsBinaryDictionaries) {
-  const std::string key = "\x5f\x10\x12"s + "CFBundleIdentifier";
-  WriteFile(kDictionary, Binary({"\xd1\1\2", key, "\x56\x1\x1f\b\f/a"}));
-  EXPECT_EQ(InfoOf(kDictionary),
-            "{\"ProductName\":\"\\u0001\\u001f\\b\\f\\/a\"}");
-  WriteFile(kDictionary, Binary({"\xd1\1\2", key, "\x80\1"}));  // A reference.
-  EXPECT_EQ(InfoOf(kDictionary), std::nullopt);
-  // A text of 1 MiB that an array of arrays has 10,000 times.
-  const auto array = [](char item) {
-    return "\xaf\x10\x64"s + std::string(100, item);
-  };
+  // In binary: a text of 1 MiB that an array of arrays has 10,000 times.
   WriteFile(kDictionary,
-            Binary({"\xd1\1\2", key, array(3), array(4),
-                    "\x5f\x12\0\x10\0\0"s + std::string(1 << 20, 'a')}));
+            "bplist00\xd1\1\2\x5f\x10\x12"
+            "CFBundleIdentifier\xaf\x10\x64" +
+                std::string(100, '\3') + "\xaf\x10\x64" +
+                std::string(100, '\4') + "\x5f\x12\0\x10\0\0"s +
+                std::string(1 << 20, 'a') +
+                "\x08\x0b\x20\x87\xee"
+                "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5\0\0\0\0\0\0\0\0"
+                "\0\0\0\0\0\x10\0\xf4"s);
   EXPECT_EQ(InfoOf(kDictionary), std::nullopt);
 }
 
 TEST_F(BundleInformationTest, FilesThatAreNoDictionary) {
-  WriteFile(kRoot + "list", Xml("<key>CFBundleIdentifier</key><true/>"));
+  WriteFile(kRoot + "list", Xml("CFBundleIdentifier", "<true/>"));
   fs::create_directories(kRoot + "A.app/Contents");
   fs::create_symlink(kRoot + "list", kDictionary);
   EXPECT_EQ(InfoOf(kDictionary), "{\"ProductName\":true}");
@@ -170,24 +132,19 @@ TEST_F(BundleInformationTest, FilesThatAreNoDictionary) {
 }
 
 TEST_F(BundleInformationTest, SizesAndArguments) {
-  WriteFile(kDictionary,
-            Xml("<key>CFBundleIdentifier</key><string>a</string>"));
-  const std::string json = R"({"ProductName":"a"})";
-  for (const uint32_t capacity : {0u, 18u, 19u, ~0u}) {
-    std::string buffer(20, '#');
+  WriteFile(kDictionary, "");
+  char buffer[] = "###";
+  for (const uint32_t capacity : {1u, 2u, ~0u}) {
     uint32_t size = capacity;
-    EXPECT_EQ(GetExecutableInfo(kDictionary.c_str(), buffer.data(), &size), 1u);
-    EXPECT_EQ(size, json.size());
-    EXPECT_EQ(buffer, capacity < 19 ? std::string(20, '#') : json + '#');
+    EXPECT_EQ(GetExecutableInfo(kDictionary.c_str(), buffer, &size), 1u);
+    EXPECT_EQ(size, 2u);
+    EXPECT_STREQ(buffer, capacity < 2 ? "###" : "{}#");
   }
-  char buffer[64];
   uint32_t size = sizeof buffer;
   EXPECT_EQ(GetExecutableInfo(nullptr, buffer, &size), 0u);
   EXPECT_EQ(GetExecutableInfo(kDictionary.c_str(), nullptr, &size), 0u);
   EXPECT_EQ(GetExecutableInfo(kDictionary.c_str(), buffer, nullptr), 0u);
   EXPECT_EQ(InfoOf(kRoot + "A.app/none"), std::nullopt);
-  WriteFile(kRoot + "A.app/\xff", "");
-  EXPECT_EQ(InfoOf(kRoot + "A.app/\xff"), std::nullopt);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,7 +20,6 @@ using Bytes = std::vector<std::byte>;
 
 constexpr char kFile[] = "/tmp/file";
 constexpr char kText[] = "10.2/beta";
-constexpr uint32_t kTextSize = 9;
 constexpr uint32_t kTextOffset = 1000;
 
 void Put32(Bytes& bytes, size_t offset, uint32_t value,
@@ -27,87 +27,67 @@ void Put32(Bytes& bytes, size_t offset, uint32_t value,
   StoreInteger(std::span(bytes), offset, value, order);
 }
 
-struct SectionRow {
-  const char* name;
-  uint32_t size = kTextSize;
-  uint32_t offset = kTextOffset;
-};
-struct SegmentRow {
-  const char* name;
-  uint32_t file_size;
-  std::vector<SectionRow> sections;
-};
-
-// A 32-bit image of these segments, with the text at its end.
-Bytes Image(const std::vector<SegmentRow>& segments,
+// A 32-bit image with the text at its end, which a segment's one section has.
+// In `changes` are words that differ, by offset. What follows the section, at
+// 152, can become another one of that name, or a segment.
+Bytes Image(std::map<size_t, uint32_t> changes = {},
             ByteOrder order = ByteOrder::kLittle) {
-  Bytes image(kTextOffset + kTextSize);
-  std::memcpy(&image[kTextOffset], kText, kTextSize);
-  const auto put = [&](size_t offset, size_t value) {
-    Put32(image, offset, static_cast<uint32_t>(value), order);
-  };
-  size_t at = 28;
-  for (const SegmentRow& segment : segments) {
-    put(at, 1);
-    put(at + 4, 56 + 68 * segment.sections.size());
-    std::strcpy(reinterpret_cast<char*>(&image[at + 8]), segment.name);
-    put(at + 36, segment.file_size);
-    put(at + 48, segment.sections.size());
-    at += 56;
-    for (const SectionRow& section : segment.sections) {
-      std::strcpy(reinterpret_cast<char*>(&image[at]), section.name);
-      put(at + 36, section.size);
-      put(at + 40, section.offset);
-      at += 68;
-    }
+  Bytes image(kTextOffset + sizeof kText - 1);
+  for (const auto& [offset, text] : {std::pair(36, "__DATA"),
+                                     {84, "__version"},
+                                     {152, "__version"},
+                                     {kTextOffset, kText}}) {
+    std::memcpy(&image[offset], text, std::strlen(text));
   }
-  put(0, 0xfeedface);
-  put(4, 7);
-  put(16, segments.size());
-  put(20, at - 28);
+  changes.insert({{0, kMachOMagic32},
+                  {16, 1},  // Commands, and their size.
+                  {20, 124},
+                  {28, kSegmentCommand32},
+                  {32, 124},
+                  {64, 64},  // Length in the file, and sections.
+                  {76, 1},
+                  {120, sizeof kText - 1},
+                  {124, kTextOffset}});
+  for (const auto& [offset, value] : changes) {
+    Put32(image, offset, value, order);
+  }
   return image;
 }
 
-class MachOVersionTest : public RootedTest {};
+using MachOVersionTest = RootedTest;
 
 TEST_F(MachOVersionTest, OfLibraries) {
   const Bytes program = BuildMachO();
-  const auto library = [](uint32_t cpu, uint32_t version,
-                          ByteOrder order = ByteOrder::kLittle) {
-    return BuildMachO({.cpu_type = cpu,
-                       .order = order,
-                       .dynamic_library = true,
-                       .library_version = version});
-  };
-  const Bytes intel = library(kCpuTypeX86_64, 0x20304);
-  const Bytes old = library(kCpuTypeX86, 0x50607);
-  Bytes little = BuildUniversal({program, old});  // With its header turned.
-  for (size_t i = 0; i < 8 + 2 * 20; i += 4) {
+  MachOOptions options = {.dynamic_library = true, .library_version = 0x20304};
+  const Bytes intel = BuildMachO(options);
+  options.order = ByteOrder::kBig;
+  const Bytes big = BuildMachO(options);
+  const Bytes old = BuildMachO({.cpu_type = kCpuTypeX86,
+                                .dynamic_library = true,
+                                .library_version = 0x50607});
+  const Bytes universal = BuildUniversal({program, old, intel});
+  Bytes little = universal;  // With its header turned.
+  for (size_t i = 0; i < 8 + 3 * 20; i += 4) {
     Put32(little, i, LoadBig32(little, i));
   }
   const struct {
-    const char* name;
     Bytes file;
     uint32_t version;
     uint32_t compatible = 0x10000;
   } rows[] = {
-      {"64 bits", intel, 0x20304},
-      {"32 bits", old, 0x50607},
-      {"other order", library(18, 0x20304, ByteOrder::kBig), 0x04030200, 0x100},
-      {"the first slice that has one", BuildUniversal({program, old, intel}),
-       0x50607},
-      {"little-endian header", little, 0x50607},
-      {"program", program, 0, 0},
-      {"programs", BuildUniversal({program, program}), 0, 0},
+      {intel, 0x20304},
+      {big, 0x04030200, 0x100},
+      {universal, 0x50607},
+      {little, 0x50607},
+      {BuildUniversal({program, program}), 0, 0},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(&row - rows);
     WriteBytes(kFile, row.file);
     uint32_t info[2] = {};
     EXPECT_EQ(machoGetDylibInfo(kFile, info, 8),
               row.version != 0 ? 0 : ZU_MACHO_FAILED);
-    EXPECT_EQ(std::pair(info[0], info[1]),
-              std::pair(row.version, row.compatible));
+    EXPECT_EQ(info[1], row.compatible);
     uint32_t version = 0;
     EXPECT_EQ(ZuGetDylibVersion(kFile, &version), row.version != 0);
     EXPECT_EQ(version, row.version);
@@ -116,38 +96,34 @@ TEST_F(MachOVersionTest, OfLibraries) {
 }
 
 TEST_F(MachOVersionTest, OfTexts) {
-  const SegmentRow data = {"__DATA", 64, {{"__data"}, {"__version"}}};
-  const SegmentRow text = {"__TEXT", 70, {{"__version"}}};
-  const SegmentRow end = {"__LINKEDIT", 80, {}};
   const Bytes wide = BuildMachO();
-  const std::string none;
   const struct {
     const char* name;
     Bytes file;
     int32_t size;
     uint32_t result;
-    std::string read;
+    std::string read = "";
   } rows[] = {
-      {"fits", Image({text, end, data}), 10, 0, kText},
-      {"fits exactly", Image({text, end, data}), 9, 64, none},
-      {"no room", Image({data}), -10, 64, none},
-      {"segment behind", Image({data, end}), 9, 0, none},
-      {"slice behind", BuildUniversal({Image({data}), Image({text})}), 9, 0,
-       none},
-      {"64-bit slice behind", BuildUniversal({Image({data}), wide}), 9, 64,
-       none},
+      {"fits", Image(), 10, 0, kText},
+      {"fits exactly", Image(), 9, 64},
+      {"no room", Image(), -10, 64},
+      {"segment behind", Image({{16, 2}, {20, 180}, {152, 1}, {156, 56}}), 9,
+       0},
+      {"64-bit slice behind", BuildUniversal({Image(), wide}), 9, 64},
       {"second section",
-       Image({{"__DATA", 64, {{"__version", 10}, {"__version"}}}}), 10, 0,
-       kText},
-      {"second slice", BuildUniversal({wide, Image({text}), Image({data})}), 32,
-       0, kText},
-      {"other order", Image({data}, ByteOrder::kBig), 10, 0, kText},
-      {"not in the file", Image({{"__DATA", 64, {{"__version", 9, 1001}}}}), 10,
-       ZU_MACHO_FAILED, none},
-      {"no length", Image({{"__DATA", 0, {{"__version"}}}}), 9, ZU_MACHO_FAILED,
-       none},
-      {"other segments", Image({text, end}), 10, ZU_MACHO_FAILED, none},
-      {"64 bits", wide, 10, ZU_MACHO_FAILED, none},
+       Image({{20, 192},
+              {32, 192},
+              {76, 2},
+              {120, 10},
+              {188, 9},
+              {192, kTextOffset}}),
+       10, 0, kText},
+      {"second slice", BuildUniversal({wide, Image()}), 32, 0, kText},
+      {"other order", Image({}, ByteOrder::kBig), 10, 0, kText},
+      {"not in the file", Image({{124, 1001}}), 10, ZU_MACHO_FAILED},
+      {"no length", Image({{64, 0}}), 9, ZU_MACHO_FAILED},
+      {"other segment", Image({{36, 'a'}}), 10, ZU_MACHO_FAILED},
+      {"other section", Image({{84, 'a'}}), 10, ZU_MACHO_FAILED},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -171,37 +147,27 @@ void ExpectNone(const char* path) {
 TEST_F(MachOVersionTest, BrokenFilesHaveNone) {
   const Bytes library =
       BuildMachO({.cpu_type = kCpuTypeX86, .dynamic_library = true});
-  const Bytes image =
-      Image({{"__TEXT", 1, {}}, {"__DATA", 1, {{"__version"}}}});
-  // Where, and what is put there.
-  const std::pair<size_t, std::vector<uint32_t>> rows[] = {
-      {0, {0, 0xfeedfacd, 0xbebafeca, 0xcafebabe}},  // The magic number.
-      {20, {0, 8, 0x7fffffff, 0xffffffff}},          // Size of the commands.
-      {32, {0, 7, 0x7fffffff, 0xffffffff}},          // Size of the first.
-  };
-  for (const Bytes& good : {library, image}) {
-    Bytes file = good;
-    for (const auto& [offset, values] : rows) {
-      for (const uint32_t value : values) {
-        SCOPED_TRACE(std::to_string(offset) + ": " + std::to_string(value));
-        Put32(file, offset, value);
-        WriteBytes(kFile, file);
-        ExpectNone(kFile);
-      }
-      file = good;
-    }
-    const auto commands = LoadInteger<uint32_t>(good, 20, ByteOrder::kLittle);
-    for (size_t size = 0; size < 28 + commands; ++size) {
-      WriteBytes(kFile, std::span(good).first(size));
-      ExpectNone(kFile);
+  // Too many sections, and a library's identifier without its versions.
+  std::vector<Bytes> files = {Image({{76, 0xffffffff}}),
+                              Image({{28, 13}, {32, 16}})};
+  // The magic number, the commands' size and that of the first one.
+  for (const auto& [offset, value] : {std::pair(0, 0xbebafecau),
+                                      {0, 0xcafebabe},
+                                      {20, 8},
+                                      {20, 0xffffffff},
+                                      {32, 7},
+                                      {32, 0xffffffff}}) {
+    for (const Bytes& good : {library, Image()}) {
+      files.push_back(good);
+      Put32(files.back(), static_cast<size_t>(offset), value);
     }
   }
-  Bytes sections = Image({{"__DATA", 1, {{"__version"}}}});
-  Put32(sections, 28 + 48, 0xffffffff);
-  Bytes identifier = Image({{"", 0, {}}});
-  Put32(identifier, 28, 13);
-  Put32(identifier, 32, 16);  // Without its versions.
-  for (const Bytes& file : {sections, identifier}) {
+  for (size_t size = 0; size < 28 + 124; ++size) {
+    files.push_back(Image());
+    files.back().resize(size);
+  }
+  for (const Bytes& file : files) {
+    SCOPED_TRACE(&file - files.data());
     WriteBytes(kFile, file);
     ExpectNone(kFile);
   }
