@@ -5,166 +5,138 @@
 #include <unistd.h>
 #include <array>
 #include <filesystem>
-#include <functional>
-#include <optional>
 
 #include <gtest/gtest.h>
 
 #include "ZuHelper.h"
-#include "build_values.h"
 #include "tests/support/fake_tool.h"
 #include "tests/support/test_root.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using zu::test::WriteFile;
 
 using IdentityTest = zu::test::RootedTest;
-using File = std::optional<std::string>;
-
-void Replace(const fs::path& path, const File& text) {
-  fs::remove_all(path);
-  if (text) WriteFile(path, *text);
-}
 
 TEST_F(IdentityTest, VersionAndRevision) {
   using Version = std::array<uint32_t, 4>;
   const uint32_t loaded = gOSVersion;
-  const std::string key = "<dict>\n\t<key>ProductVersion</key>";
+  const std::string key = "<dict>\n\t<key>ProductVersion</key>\n";
   const std::string value = "\t<string>12.6.1</string>\n";
   const std::string blanks(1983, ' ');
   const struct {
     uint32_t packed;
-    File file;
-    std::string sysctl;
+    std::string file, sysctl;
     Version expected;
-  } kCases[] = {
-      {10015007, key + "\n" + value, "", {10, 15, 7}},
-      {11016000, key + "\n" + value, "kern: 199506\\n", {11, 16, 0, 199506}},
-      {10016002, {}, "none\\n", {10, 16, 2}},
-      {10016002, key + "\n" + value, "-12 of 15 (x)\\n", {12, 6, 1, 12}},
-      {10016002, key + "\n<string>11.0</string>\n", "", {11, 0, 2}},
-      {10016002, key + value, "v4294967297", {10, 16, 2, 1}},
-      {10016002, key + "\n\n" + value + key + "\n" + value, "", {10, 16, 2}},
+  } cases[] = {
+      {10015007, key + value, "none", {10, 15, 7}},
+      {11016000, key + value, "kern: 199506\\n", {11, 16, 0, 199506}},
+      {10016002, key + value, "-12 of 15 (x)\\n", {12, 6, 1, 12}},
+      {10016002, key + "<string>11.0</string>\n", "", {11, 0, 2}},
+      {10016002, key + "\n" + value + key + value, "", {10, 16, 2}},
       // Lines are cut behind 1999 bytes, which parts these or does not.
       {10016002, blanks + " ProductVersion" + value, "", {12, 6, 1}},
       {10016002, blanks + "ProductVersion" + value, "", {10, 16, 2}},
-      {0, {}, "", {loaded / 1000000, loaded / 1000 % 1000, loaded % 1000}},
+      {0,
+       "",
+       "v4294967297",
+       {loaded / 1000000, loaded / 1000 % 1000, loaded % 1000, 1}},
   };
-  for (const auto& c : kCases) {
+  for (const auto& c : cases) {
     const zu::test::FakeTool sysctl(
         "/usr/sbin/sysctl",
         "[ \"$*\" = kern.osrevision ] && printf -- '" + c.sysctl + "'");
-    Replace("/System/Library/CoreServices/.SystemVersionPlatform.plist",
-            c.file);
+    WriteFile("/System/Library/CoreServices/.SystemVersionPlatform.plist",
+              c.file);
     gOSVersion = c.packed;
     Version version{};
     auto& [major, minor, patch, revision] = version;
     GetOSVersion(&major, &minor, nullptr, &revision);
     EXPECT_EQ(version, Version());
     GetOSVersion(&major, &minor, &patch, &revision);
-    EXPECT_EQ(version, c.expected) << c.packed << c.file.value_or("");
+    EXPECT_EQ(version, c.expected) << c.packed << c.file;
   }
 }
 
+// Cut to the capacity without a NUL, or padded with NULs up to it.
 TEST_F(IdentityTest, Architecture) {
   utsname name;
   ASSERT_EQ(::uname(&name), 0);
-  std::string machine = name.machine;
-  const size_t length = machine.size();
-  machine.resize(100);
-  for (const size_t capacity : {size_t{3}, size_t{4}, length, length + 1}) {
+  const std::string machine = std::string(name.machine) + std::string(99, '\0');
+  for (const size_t capacity : {3, 4, 99}) {
     std::string buffer(100, '#'), expected = buffer;
     if (capacity > 3) expected.replace(0, capacity, machine, 0, capacity);
     GetSystemArchitecture(buffer.data(), static_cast<int32_t>(capacity));
     EXPECT_EQ(buffer, expected) << capacity;
   }
+  GetSystemArchitecture(nullptr, 99);
 }
 
-// A text comes whole and with its NUL; where it does not fit or there is none,
-// `failed` takes its place.
-using Getter = std::function<uint32_t(char*, int32_t)>;
-void ExpectText(const Getter& get, const std::string& text,
-                const std::string& failed = std::string(1, '\0')) {
-  const auto length = static_cast<int32_t>(text.size());
-  for (const int32_t capacity : {0, length, length + 1, 200}) {
-    std::string buffer(200, '#'), expected = buffer;
-    const bool fits = capacity > length && length > 0;
-    const std::string written = fits ? text + '\0' : failed;
-    if (capacity > 0) expected.replace(0, written.size(), written);
-    EXPECT_EQ(get(buffer.data(), capacity), fits ? 1u : 0u) << text << capacity;
-    EXPECT_EQ(buffer, expected) << capacity;
-  }
+uint32_t GetSerialNumber(char* buffer, int32_t capacity) {
+  GetPlatformProperty("IOPlatformSerialNumber", buffer, capacity);
+  return capacity > 0 && *buffer != '\0';
+}
+uint32_t GetPrettyName(char* buffer, int32_t capacity) {
+  return ZuGetHostName(0, buffer, capacity);
 }
 
-TEST_F(IdentityTest, PlatformProperty) {
+// A text comes whole and with its NUL, or else a NUL does; that of a product
+// may then be left as it was.
+TEST_F(IdentityTest, Texts) {
   ASSERT_EQ(::mount("tmpfs", "/sys/class", "tmpfs", 0, nullptr), 0);
-  WriteFile("/sys/class/dmi/id/product_serial", "ZX 81\n");
-  WriteFile("/sys/class/dmi/id/product_name", "\xFF\n");  // Not UTF-8.
-  for (const auto& [name, text] :
-       {std::pair("IOPlatformSerialNumber", "ZX 81"), std::pair("model", ""),
-        std::pair("IOPlatformUUID", ""), std::pair("product_serial", "")}) {
-    const auto get = [property = name](char* buffer, int32_t capacity) {
-      GetPlatformProperty(property, buffer, capacity);
-      return buffer[0] != '\0' && buffer[0] != '#' ? 1u : 0u;
-    };
-    ExpectText(get, text);
-  }
-  EXPECT_EQ(::umount("/sys/class"), 0);
-}
-
-TEST_F(IdentityTest, HostName) {
   char name[256];
   ASSERT_EQ(::gethostname(name, sizeof name), 0);
-  const std::pair<File, std::string> files[] = {
-      {{}, name},
-      {"PRETTY_HOSTNAME=\"\xFF\"", name},
-      {"#PRETTY_HOSTNAME=a\n;b\nCHASSIS\nXPRETTY_HOSTNAME=c\n", name},
-      {"CHASSIS=\"a\nPRETTY_HOSTNAME=b\"\nPRETTY_HOSTNAME=\n", name},
-      {"A=\n PRETTY_HOSTNAME= Kate\\'s' \\'Ma\"c \" \t\nB=y\n",
-       "Kate's \\Mac "},
-      {"PRETTY_HOSTNAME=a\nPRETTY_HOSTNAME=b\\\n \\ c \r\n", "b  c"},
-      {"PRETTY_HOSTNAME=\"Ka\\\"te \\$1 \\x\" #\n", "Ka\"te $1 \\x #"},
-      {"PRETTY_HOSTNAME=\xC3\xA9\\", "\xC3\xA9\\"},
+  const std::string host = name;
+  constexpr char kSerial[] = "/sys/class/dmi/id/product_serial";
+  constexpr char kNames[] = "/etc/machine-info";
+  constexpr char kProduct[] =
+      "/Library/Application Support/Zubrant/Desktop/ZubrantProduct.app/"
+      "Contents/Info.plist";
+  const std::string product =
+      "<dict><key>CFBundleShortVersionString</key><string>";
+  const struct {
+    uint32_t (*get)(char*, int32_t);
+    const char* path;
+    std::string file, text;
+  } cases[] = {
+      {GetSerialNumber, kSerial, "ZX 81\n", "ZX 81"},
+      {GetSerialNumber, kSerial, "\xFF\n", ""},  // Not UTF-8.
+      {GetPrettyName, kNames,
+       "#a\\\nPRETTY_HOSTNAME=a\n;b\nCHASSIS\nXPRETTY_HOSTNAME=c\n", host},
+      {GetPrettyName, kNames,
+       "CHASSIS=\"a\nPRETTY_HOSTNAME=b\"\nPRETTY_HOSTNAME=\n", host},
+      // As load_env_file of the file's owner, systemd 252, reads them.
+      {GetPrettyName, kNames,
+       " PRETTY_HOSTNAME = Kate's \\\"Mac\\\" \" \t\nB=y\n",
+       "Kate's \"Mac\" \""},
+      {GetPrettyName, kNames,
+       "PRETTY_HOSTNAME=a\rPRETTY_HOSTNAME='b \\' \"\\\\\\$1\\\n \\x \" \\\n "
+       "\\ c \r\n",
+       "b \\\\$1 \\x   c"},
+      {GetPrettyName, kNames, "PRETTY_HOSTNAME=\"a\" b 'c'\n", "ab 'c'"},
+      {GetPrettyName, kNames, "PRETTY_HOSTNAME=\xC3\xA9\\", "\xC3\xA9"},
+      {ZuGetProductVersion, kProduct, product + "4.2</string></dict>", "4.2"},
+      {ZuGetProductVersion, kProduct, product + "</string></dict>", ""},
   };
-  for (const auto& [file, pretty] : files) {
-    Replace("/etc/machine-info", file);
-    ExpectText(std::bind_front(&ZuGetHostName, 0), pretty);
-    ExpectText(std::bind_front(&ZuGetHostName, -1), name);
+  for (const auto& [get, path, file, text] : cases) {
+    WriteFile(path, file);
+    const size_t length = text.size();
+    for (const size_t capacity : {size_t{0}, length, length + 1, size_t{200}}) {
+      std::string buffer(200, '#'), expected = buffer;
+      const bool fits = capacity > length && length > 0;
+      const std::string_view written(text.c_str(), fits ? length + 1 : 0);
+      expected.replace(0, written.size(), written);
+      if (!fits && capacity > 0 && get != ZuGetProductVersion) expected[0] = 0;
+      EXPECT_EQ(get(buffer.data(), static_cast<int32_t>(capacity)), fits);
+      EXPECT_EQ(buffer, expected) << file << capacity;
+    }
   }
-}
-
-TEST_F(IdentityTest, ProductVersion) {
-  const fs::path product =
-      "/Library/Application Support/Zubrant/Desktop/ZubrantProduct.app";
-  for (const std::string version : {"4.2.1", "4.2\xC3\xA9", ""}) {
-    WriteFile(product / "Contents/Info.plist",
-              "<plist version=\"1.0\"><dict><key>CFBundleShortVersionString"
-              "</key><string>" +
-                  version + "</string></dict></plist>");
-    ExpectText(&ZuGetProductVersion, version, "");
-  }
-  Replace(product, "a file");
-  ExpectText(&ZuGetProductVersion, "", "");
-}
-
-TEST_F(IdentityTest, InstallationType) {
-  const auto line = [](const std::string& name) {
-    return "  <string>/Applications/A.app/" + name + "</string>\n";
-  };
-  const std::pair<File, uint32_t> files[] = {
-      {"<key>Program</key>\n" + line("ZubrantUI") + "<true/>\n", 1},
-      {line("ZubrantUI") + line("TalvexDefenseUI"), 2},
-      {line("TalvexShieldProUI"), 3},
-      {line("TalvexDefenseUI") + line("ZubrantUI2"), 0},
-      {"<string>/Applications//\n<string>/Library/ZubrantUI</string>\n", 0},
-      {{}, 0},
-  };
-  for (const auto& [file, type] : files) {
-    Replace("/Library/LaunchAgents/" ZU_UI_AGENT_LABEL ".plist", file);
-    EXPECT_EQ(ZuGetInstallationType(), type) << file.value_or("no file");
-  }
+  EXPECT_EQ(ZuGetHostName(-1, name, sizeof name), 1u);
+  EXPECT_EQ(name, host);
+  GetPlatformProperty("model", nullptr, 200);
+  EXPECT_EQ(ZuGetHostName(0, nullptr, 200), 0u);
+  EXPECT_EQ(ZuGetProductVersion(nullptr, 200), 0u);
+  EXPECT_EQ(::umount("/sys/class"), 0);
 }
 
 }  // namespace

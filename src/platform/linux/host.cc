@@ -1,19 +1,18 @@
 #include "platform/host.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
-#include "support/file_descriptor.h"
+#include "platform/linux/text_file.h"
 #include "support/utf8.h"
 
 namespace zu::platform {
 namespace {
 
 constexpr char kMachineInformation[] = "/etc/machine-info";
-constexpr std::string_view kBlanks = " \t\r";
+constexpr std::string_view kBlanks = " \t";
 
 // Properties by the names that hosts know them by, and the files that have the
 // nearest thing.
@@ -27,44 +26,48 @@ constexpr struct {
     {"manufacturer", "/sys/class/dmi/id/sys_vendor"},
 };
 
-// Empty when it cannot be read.
-std::string ReadText(const char* path) {
-  const FileDescriptor file(
-      RetryOnInterrupt([=] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
-  std::string text;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t count = RetryOnInterrupt(
-        [&] { return ::read(file.get(), buffer, sizeof buffer); });
-    if (count <= 0) return text;
-    text.append(buffer, static_cast<size_t>(count));
-  }
-}
+bool IsNewline(char c) { return c == '\n' || c == '\r'; }
 
 // The rest of an assignment's line, or lines, without the quoting. Takes it off
-// `text`.
+// `text`. Quotes open only ahead of the first character that stands outside of
+// them: in "Kate's Laptop" there are none. Escaped newlines join lines.
 std::string TakeValue(std::string_view& text) {
   std::string value;
   size_t size = 0;  // Less the blanks at the end that nothing quotes.
   char quote = '\0';
+  bool begun = false;  // That first character has come.
   size_t next = 0;
-  while (next < text.size() && (quote != '\0' || text[next] != '\n')) {
-    char c = text[next++];
-    if (quote != '\0' ? c == quote : c == '"' || c == '\'') {
-      quote = quote != '\0' ? '\0' : c;
+  while (next < text.size()) {
+    const char c = text[next++];
+    if (c == '\\' && quote != '\'') {
+      begun = begun || quote == '\0';
+      const char escaped = next < text.size() ? text[next++] : '\n';
+      // In double quotes most characters need none, and then keep it.
+      constexpr std::string_view kEscaped = "\"$\\`\n";
+      if (quote != '\0' && kEscaped.find(escaped) == kEscaped.npos) value += c;
+      if (quote != '\0' ? escaped != '\n' : !IsNewline(escaped)) {
+        value += escaped;
+      }
+      size = value.size();
       continue;
     }
-    bool plain = quote == '\0';
-    if (c == '\\' && quote != '\'' && next < text.size()) {
-      plain = false;
-      c = text[next++];
-      if (c == '\n') continue;
-      // In double quotes most characters need none, and then keep it.
-      constexpr std::string_view kEscaped = "\"$\\`";
-      if (quote == '"' && kEscaped.find(c) == kEscaped.npos) value += '\\';
+    if (quote != '\0') {
+      if (c != quote) {
+        value += c;
+      } else {
+        quote = '\0';
+      }
+      size = value.size();
+      continue;
     }
-    const bool blank = plain && kBlanks.find(c) != kBlanks.npos;
-    if (blank && value.empty()) continue;
+    if (IsNewline(c)) break;
+    const bool blank = kBlanks.find(c) != kBlanks.npos;
+    if (!begun && blank) continue;
+    if (!begun && (c == '"' || c == '\'')) {
+      quote = c;
+      continue;
+    }
+    begun = true;
     value += c;
     if (!blank) size = value.size();
   }
@@ -73,26 +76,36 @@ std::string TakeValue(std::string_view& text) {
   return value;
 }
 
-// The variable's last value in a file of assignments, whose quoting is that of
-// shells; empty when it has none.
+// Takes a comment off `text`, which a newline ends that is not escaped.
+void SkipComment(std::string_view& text) {
+  size_t next = 0;
+  while (next < text.size() && !IsNewline(text[next])) {
+    next += text[next] == '\\' ? 2 : 1;
+  }
+  text.remove_prefix(std::min(next, text.size()));
+}
+
+// The variable's last value in a file of assignments, whose quoting is nearly
+// that of shells; empty when it has none.
 std::string ParseAssignments(std::string_view text, std::string_view name) {
-  const auto skip_to = [&text](size_t position) {
-    text.remove_prefix(std::min(position, text.size()));
-  };
   std::string value;
-  while (skip_to(text.find_first_not_of(" \t\r\n")), !text.empty()) {
-    const size_t mark = text.find_first_of("=\n");
-    const bool comment = text.front() == '#' || text.front() == ';';
-    if (comment || mark == text.npos || text[mark] == '\n') {
-      skip_to(text.find('\n'));
+  for (;;) {
+    text.remove_prefix(
+        std::min(text.find_first_not_of(" \t\n\r"), text.size()));
+    if (text.empty()) return value;
+    if (text.front() == '#' || text.front() == ';') {
+      SkipComment(text);
       continue;
     }
-    const bool found = text.substr(0, mark) == name;
-    text.remove_prefix(mark + 1);
+    const size_t mark = std::min(text.find_first_of("=\n\r", 1), text.size());
+    std::string_view key = text.substr(0, mark);
+    text.remove_prefix(mark);
+    if (!text.starts_with('=')) continue;
+    text.remove_prefix(1);
+    key = key.substr(0, key.find_last_not_of(kBlanks) + 1);
     std::string taken = TakeValue(text);
-    if (found) value = std::move(taken);
+    if (key == name) value = std::move(taken);
   }
-  return value;
 }
 
 std::optional<std::string> UnlessEmpty(std::string text) {
@@ -110,14 +123,14 @@ std::optional<std::string> ReadNetworkName() {
 
 std::optional<std::string> ReadLocalizedName() {
   std::optional<std::string> name = UnlessEmpty(
-      ParseAssignments(ReadText(kMachineInformation), "PRETTY_HOSTNAME"));
+      ParseAssignments(ReadTextFile(kMachineInformation), "PRETTY_HOSTNAME"));
   return name ? name : ReadNetworkName();
 }
 
 std::optional<std::string> ReadPlatformProperty(const char* name) {
   for (const auto& property : kProperties) {
     if (property.name != name) continue;
-    std::string text = ReadText(property.path);
+    std::string text = ReadTextFile(property.path);
     if (text.ends_with('\n')) text.pop_back();
     return UnlessEmpty(std::move(text));
   }

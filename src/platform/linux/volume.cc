@@ -8,12 +8,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string_view>
 #include <system_error>
 
+#include "platform/linux/text_file.h"
 #include "support/file_descriptor.h"
 
 namespace zu::platform {
@@ -24,15 +24,16 @@ namespace fs = std::filesystem;
 // File systems whose files are another machine's, as the mount table has their
 // names; from a virtual machine, its host is one. An automounter's directories
 // are places of what it will mount. File systems on network block devices are
-// not here: the volume is this machine's own.
+// not here: the volume is this machine's own. Nor are those on top of other
+// directories (overlay, ecryptfs): they read as this machine's own, even where
+// a directory below is a server's, since the table does not reliably tell.
 constexpr std::string_view kRemoteTypes[] = {
-    "9p",    "afs",   "autofs", "beegfs", "ceph",     "cifs",
-    "coda",  "gpfs",  "lustre", "ncpfs",  "nfs",      "nfs4",
-    "panfs", "pvfs2", "smb3",   "vboxsf", "virtiofs", "wekafs",
+    "9p",    "afs",    "autofs", "beegfs",   "ceph",   "cifs",   "coda",
+    "gpfs",  "lustre", "ncpfs",  "nfs",      "nfs4",   "panfs",  "prl_fs",
+    "pvfs2", "smb3",   "vboxsf", "virtiofs", "vmhgfs", "wekafs",
 };
 
-// File systems that fold case as a whole. Those that can do it by directory
-// have a flag there.
+// File systems that fold case as a whole.
 struct CaseRule {
   std::string_view type;
   bool folds;
@@ -53,6 +54,10 @@ constexpr CaseRule kCaseRules[] = {
     {"smb3", false, "nocase"},
 };
 
+// File systems that can fold case by directory, which has a flag then.
+constexpr std::string_view kFlaggingTypes[] = {"bcachefs", "ext4", "f2fs",
+                                               "tmpfs"};
+
 struct Mount {
   unsigned major = 0;  // 0: the device number stands for no device.
   unsigned minor = 0;
@@ -61,11 +66,35 @@ struct Mount {
   std::string options = {};  // The file system's own, "rw,name=value".
 };
 
-// The mount that `status` lies on, from the table in proc(5). Absent when the
-// table does not have it (behind a plain chroot, for instance) or is not there.
-std::optional<Mount> FindMount(const struct statx& status) {
-  const std::string start = std::to_string(status.stx_mnt_id) + " ";
-  std::ifstream table("/proc/self/mountinfo");
+struct Place {
+  bool is_directory = false;
+  // Absent when the mount table does not have it (behind a plain chroot, for
+  // instance) or cannot be read.
+  std::optional<Mount> mount = {};
+};
+
+template <typename List, typename Value>
+bool Contains(const List& list, const Value& value) {
+  return std::ranges::find(list, value) != std::end(list);
+}
+
+// The number in the mount table of the mount that the file lies on; empty when
+// that cannot be told.
+std::string ReadMountNumber(const char* path) {
+  const FileDescriptor file(::open(path, O_PATH | O_CLOEXEC));
+  std::istringstream fields(ReadTextFile(
+      ("/proc/self/fdinfo/" + std::to_string(file.get())).c_str()));
+  std::string number;
+  for (std::string name; fields >> name;) {
+    if (name == "mnt_id:" && fields >> number) break;
+  }
+  return number;
+}
+
+// From the table in proc(5).
+std::optional<Mount> FindMount(const std::string& number) {
+  const std::string start = number + " ";
+  std::istringstream table(ReadTextFile("/proc/self/mountinfo"));
   for (std::string line; std::getline(table, line);) {
     if (!line.starts_with(start)) continue;
     std::istringstream fields(line);
@@ -82,11 +111,20 @@ std::optional<Mount> FindMount(const struct statx& status) {
   return std::nullopt;
 }
 
-// False, with errno, when there is no such path. Nothing that a server would
+// Absent, with errno, when there is no such path. Nothing that a server would
 // have to be asked for is wanted.
-bool Examine(const char* path, struct statx& status) {
-  return ::statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_MNT_ID,
-                 &status) == 0;
+std::optional<Place> Examine(const char* path) {
+  struct statx status;
+  if (::statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_MNT_ID,
+              &status) != 0) {
+    return std::nullopt;
+  }
+  // Kernels before 5.8 do not fill in the mount. Their other way takes a
+  // descriptor, and is closed to some processes that may not be traced.
+  const bool has_number = (status.stx_mask & STATX_MNT_ID) != 0;
+  return Place{.is_directory = S_ISDIR(status.stx_mode),
+               .mount = FindMount(has_number ? std::to_string(status.stx_mnt_id)
+                                             : ReadMountNumber(path))};
 }
 
 bool IsRemote(const Mount& mount) {
@@ -94,7 +132,7 @@ bool IsRemote(const Mount& mount) {
   // name of its kind ("fuse.sshfs") is free for its user to choose, so that no
   // name can speak for it. On a block device the type is "fuseblk".
   return mount.type == "fuse" || mount.type.starts_with("fuse.") ||
-         std::ranges::find(kRemoteTypes, mount.type) != std::end(kRemoteTypes);
+         Contains(kRemoteTypes, mount.type);
 }
 
 bool FoldsCase(const Mount& mount) {
@@ -109,13 +147,15 @@ bool FoldsCase(const Mount& mount) {
 
 // The file behind the block device that sysfs has at `device`, be it a loop
 // device, a partition of one, or built from such devices (encryption, logical
-// volumes). Real stacks are not as deep as the limit.
+// volumes). Looks at no more than `visits` directories, and takes them off:
+// devices can share what they are built from, so that the ways through them
+// double with each layer.
 std::optional<std::string> FindBackingFile(const fs::path& device,
-                                           int levels = 8) {
+                                           int& visits) {
   // A partition's directory lies in that of its disk.
   for (const fs::path& disk : {device, device / ".."}) {
-    std::ifstream file(disk / "loop/backing_file");
-    std::string path(std::istreambuf_iterator<char>(file), {});
+    if (visits-- <= 0) return std::nullopt;
+    std::string path = ReadTextFile((disk / "loop/backing_file").c_str());
     // Behind the name of an unlinked file stands " (deleted)": then that file
     // cannot be found, but its folder can. A file outside of our tree has no
     // absolute name.
@@ -123,11 +163,10 @@ std::optional<std::string> FindBackingFile(const fs::path& device,
       path.pop_back();
       return path;
     }
-    if (levels == 0) continue;
     std::error_code error;
     for (fs::directory_iterator part(disk / "slaves", error), end; part != end;
          part.increment(error)) {
-      auto found = FindBackingFile(part->path(), levels - 1);
+      auto found = FindBackingFile(part->path(), visits);
       if (found) return found;
     }
   }
@@ -137,13 +176,13 @@ std::optional<std::string> FindBackingFile(const fs::path& device,
 }  // namespace
 
 int64_t ReadCaseSensitivity(const char* path) {
-  struct statx status;
-  if (!Examine(path, status)) return -1;
-  const std::optional<Mount> mount = FindMount(status);
-  if (mount && FoldsCase(*mount)) return 0;
-
+  const std::optional<Place> place = Examine(path);
+  if (!place) return -1;
+  if (place->mount && !Contains(kFlaggingTypes, place->mount->type)) {
+    return FoldsCase(*place->mount) ? 0 : 1;
+  }
   fs::path directory = path;
-  if (!S_ISDIR(status.stx_mode)) {
+  if (!place->is_directory) {
     std::error_code error;
     directory = fs::canonical(directory, error).parent_path();
     if (error) {
@@ -163,30 +202,30 @@ int64_t ReadCaseSensitivity(const char* path) {
 }
 
 std::optional<bool> IsLocalVolume(const std::string& path) {
-  struct statx status;
-  if (!Examine(path.c_str(), status)) return std::nullopt;
-  const std::optional<Mount> mount = FindMount(status);
-  return !mount || !IsRemote(*mount);
+  const std::optional<Place> place = Examine(path.c_str());
+  if (!place) return std::nullopt;
+  return !place->mount || !IsRemote(*place->mount);
 }
 
 std::optional<std::string> ReadImageFile(const std::string& path) {
-  struct statx status;
-  if (!Examine(path.c_str(), status)) return std::nullopt;
-  std::optional<Mount> mount = FindMount(status);
-  if (!mount) return std::nullopt;
-  if (mount->major == 0) {
+  std::optional<Place> place = Examine(path.c_str());
+  if (!place || !place->mount) return std::nullopt;
+  Mount& mount = *place->mount;
+  if (mount.major == 0) {
     // Some file systems (btrfs) have numbers of their own, and name a device.
     struct stat source;
-    if (!mount->source.starts_with('/') ||
-        ::stat(mount->source.c_str(), &source) != 0 ||
+    if (!mount.source.starts_with('/') ||
+        ::stat(mount.source.c_str(), &source) != 0 ||
         !S_ISBLK(source.st_mode)) {
       return std::nullopt;
     }
-    mount->major = major(source.st_rdev);
-    mount->minor = minor(source.st_rdev);
+    mount.major = major(source.st_rdev);
+    mount.minor = minor(source.st_rdev);
   }
-  return FindBackingFile("/sys/dev/block/" + std::to_string(mount->major) +
-                         ":" + std::to_string(mount->minor));
+  int visits = 256;  // Real stacks need a few.
+  return FindBackingFile("/sys/dev/block/" + std::to_string(mount.major) + ":" +
+                             std::to_string(mount.minor),
+                         visits);
 }
 
 }  // namespace zu::platform

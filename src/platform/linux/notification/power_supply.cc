@@ -3,9 +3,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
+#include "platform/linux/text_file.h"
 #include "platform/power.h"
 
 namespace zu::platform {
@@ -17,10 +17,8 @@ constexpr char kClass[] = "/sys/class/power_supply";
 
 // Attribute files hold one line.
 std::string ReadAttribute(const fs::path& supply, const char* name) {
-  std::string text;
-  std::ifstream file(supply / name);
-  std::getline(file, text);
-  return text;
+  const std::string text = ReadTextFile((supply / name).c_str());
+  return text.substr(0, text.find('\n'));
 }
 
 bool IsBattery(const PowerSupply& supply) {
