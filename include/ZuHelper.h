@@ -772,7 +772,9 @@ ZU_EXPORT void _markChildProcesses(int32_t* found, const void* table,
 ZU_EXPORT uint32_t GetActiveUsers(char* buffer, const int32_t* size);
 
 /** 1 when the process runs 64-bit code (x86_64 or arm64), also when that cannot
- *  be told or there is no such process; 0 when it does not. */
+ *  be told or there is no such process; 0 when it does not. Linux: where the
+ *  caller is denied the kernel's record of the process, the executable itself
+ *  is read, which blocks while what serves its file system does not answer. */
 ZU_EXPORT uint32_t IsProcess64bits(int32_t pid);
 
 /**
@@ -801,6 +803,10 @@ ZU_EXPORT uint32_t IsProcessRunning(int32_t pid);
  *                        was too small unless that is below the capacity.
  * @return ZU_PROCESS_OK; ZU_PROCESS_BAD_ARGUMENT for a 0 or NULL;
  *         ZU_PROCESS_NO_PATH when the system does not tell
+ *
+ * Linux: for a file that is gone, or whose name ends in " (deleted)", looks
+ * that name up, which blocks while what serves one of the folders on its way
+ * does not answer.
  */
 ZU_EXPORT uint32_t GetProcessFullPath(int32_t pid, char* buffer,
                                       uint32_t* size);
@@ -842,7 +848,14 @@ ZU_EXPORT uint32_t GetProcessModules(int32_t pid, char* buffer, uint32_t* size);
  * 64-bit layout. Duplicates stay. Arguments as above, unchecked.
  *
  * @return ZU_PROCESS_OK; the kernel's status when the target may not be read
- *         (on Linux 5); ZU_PROCESS_NO_DATA when its memory gave nothing
+ *         (on Linux 5); ZU_PROCESS_NO_DATA when its memory gave nothing, or
+ *         its loader was at work on the list for all of several milliseconds
+ *
+ * Looks the executable's path up as GetProcessFullPath does. Linux: memory that
+ * another program than the kernel would have to provide first (a file of a
+ * remote file system, say) counts as not there, so that no process holds up its
+ * reader; unless it takes the memory away in the microseconds after that was
+ * found to be there.
  */
 ZU_EXPORT uint32_t GetProcessModules_Old(int32_t pid, char* buffer,
                                          uint32_t* size);

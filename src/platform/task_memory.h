@@ -13,8 +13,23 @@ namespace zu::platform {
 // The right to read a process's memory: 0, or the kernel's status.
 [[nodiscard]] int32_t GetTask(int32_t pid, uint32_t& task);
 
-// Reads a task's memory; what it hands out lives until the next call. For one
-// thread.
+// No process has that many images; a list that goes on is not a list.
+inline constexpr size_t kMaxImages = 65536;
+
+struct ImageList {
+  // 0, or why there is no list: the kernel's status, or 5 when the task's
+  // memory does not hold one.
+  int32_t status = 0;
+  // The loader was at work on it, or seems to have been: there is none now, but
+  // there may be in a moment.
+  bool changing = false;
+  // Where the path of each image lies in the task, in the loader's order: the
+  // main executable first.
+  std::vector<uint64_t> path_addresses = {};
+};
+
+// Reads a task's memory; what it hands out of it lives until the next call. For
+// one thread.
 class TaskMemory {
  public:
   explicit TaskMemory(uint32_t task);
@@ -27,8 +42,16 @@ class TaskMemory {
     std::span<const std::byte> data;  // Empty when nothing came back.
   };
   // The `length` bytes at `address`; less or nothing when not all of them can
-  // be read.
+  // be read, also because somebody else than the kernel would have to provide
+  // them first. They may have been read for an earlier call.
   Reading Read(uint64_t address, size_t length);
+  // What is read from now on is the task's memory of now or later.
+  void ReadAgain();
+
+  // A task without a loader has no images. The task runs on: what lies at the
+  // addresses, and they themselves, can only be relied on when a later reading
+  // gives the same.
+  ImageList ReadImageList();
 
  private:
   struct State;
@@ -37,15 +60,6 @@ class TaskMemory {
 
 // The unit in which memory is there or not, in bytes; a power of two.
 size_t PageSize();
-
-// No process has that many images; a list that goes on is not a list.
-inline constexpr size_t kMaxImages = 65536;
-
-// Where the path of each image lies in the task, in the loader's order: the
-// main executable first. 0, or a status: the kernel's, or 5 when the task's
-// memory does not hold a list. A task without a loader has no images.
-[[nodiscard]] int32_t ReadImagePaths(uint32_t task, TaskMemory& memory,
-                                     std::vector<uint64_t>& path_addresses);
 
 }  // namespace zu::platform
 

@@ -1,9 +1,11 @@
 #include "process/memory_map_tool.h"
 
+#include <string.h>
 #include <algorithm>
 #include <string>
 
 #include "ZuHelper.h"
+#include "platform/task_memory.h"
 #include "support/execute_command.h"
 #include "support/guarded.h"
 #include "support/log.h"
@@ -48,15 +50,21 @@ bool IsExecutableMapping(std::string_view line) {
 
 void ListExecutableMappings(std::string_view text, PathList& list) {
   constexpr std::string_view kSeparator = " /";
-  while (!text.empty()) {
+  // Each is searched for in all that was listed before.
+  for (size_t images = 0; images < platform::kMaxImages && !text.empty();) {
     const std::string_view line = TakeLine(text);
     if (!IsExecutableMapping(line)) continue;
     const size_t separator = line.find(kSeparator);
     if (separator == line.npos) continue;
     const std::string_view path = line.substr(separator + kSeparator.size());
     if (path.find(kSeparator) != path.npos) continue;
+    ++images;
     // Part of another path counts as listed, too.
-    if (list.written().find(path) != std::string_view::npos) continue;
+    const std::string_view listed = list.written();
+    if (path.empty() || ::memmem(listed.data(), listed.size(), path.data(),
+                                 path.size()) != nullptr) {
+      continue;
+    }
     // Hosts know that the length is in UTF-16 units and counts bytes: a path
     // beyond ASCII loses its end.
     list.Append("/", path.substr(0, CountUtf16Units(path)), '\n');

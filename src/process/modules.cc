@@ -1,15 +1,18 @@
+#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <thread>
+#include <utility>
 
 #include "ZuHelper.h"
 #include "platform/process_facts.h"
 #include "platform/task_memory.h"
-#include "process/path_list.h"
 #include "support/guarded.h"
 
 namespace zu::process {
@@ -18,7 +21,12 @@ namespace {
 constexpr uint32_t kNeverMapsFirstProcessFrom = 10014000;
 constexpr size_t kMaxPathRead = 65536;
 
-// Up to the end of the page that holds the first of the `bytes`.
+// A loader is at work for some tens of microseconds at a time, unless it has to
+// wait for a file.
+constexpr int kMaxReadings = 16;
+constexpr std::chrono::microseconds kPause(400);
+
+// Up to the end of the page that `address` lies in.
 size_t RestOfPage(uint64_t address) {
   return platform::PageSize() -
          static_cast<size_t>(address & (platform::PageSize() - 1));
@@ -47,29 +55,69 @@ std::optional<std::string_view> ReadPath(platform::TaskMemory& memory,
   return std::nullopt;
 }
 
-uint32_t ListLoadedImages(int32_t pid, PathList& list) {
-  uint32_t task = 0;
-  if (const int32_t status = platform::GetTask(pid, task); status != 0) {
-    return static_cast<uint32_t>(status);
-  }
-  platform::TaskMemory memory(task);
-  std::vector<uint64_t> addresses;
-  if (const int32_t status = platform::ReadImagePaths(task, memory, addresses);
-      status != 0) {
-    return static_cast<uint32_t>(status);
-  }
-  std::span<const uint64_t> images(addresses);
-  if (const auto path = platform::ReadExecutablePath(pid)) {
-    list.Append("", *path, '\0');
+// What one reading of the loader's list gives.
+struct Reading {
+  uint32_t status = ZU_PROCESS_OK;
+  bool changing = false;
+  std::string paths = {};  // Those that fit, each with its NUL.
+  uint64_t needed = 0;
+  bool operator==(const Reading&) const = default;
+};
+
+Reading ReadImages(platform::TaskMemory& memory,
+                   const std::optional<std::string>& executable,
+                   uint32_t capacity) {
+  Reading reading;
+  const platform::ImageList list = memory.ReadImageList();
+  reading.status = static_cast<uint32_t>(list.status);
+  reading.changing = list.changing;
+  if (reading.status != ZU_PROCESS_OK) return reading;
+  const auto add = [&](std::string_view path) {
+    reading.needed += path.size() + 1;
+    if (reading.needed <= capacity) reading.paths.append(path).push_back('\0');
+  };
+  std::span<const uint64_t> images(list.path_addresses);
+  if (executable) {
+    add(*executable);
     // The loader's first image is the main executable.
     if (!images.empty()) images = images.subspan(1);
   }
   std::string joined;
   for (const uint64_t address : images) {
     const auto path = ReadPath(memory, address, joined);
-    if (path && !path->empty()) list.Append("", *path, '\0');
+    if (path && !path->empty()) add(*path);
   }
-  return ZU_PROCESS_OK;
+  return reading;
+}
+
+// Nothing holds the process while it is read, and its loader may change the
+// list and reuse the memory: only what two readings in a row agree on was the
+// list in between. Until then the caller's buffer is left alone.
+uint32_t ListLoadedImages(int32_t pid, char* buffer, uint32_t& size) {
+  uint32_t task = 0;
+  if (const int32_t status = platform::GetTask(pid, task); status != 0) {
+    return static_cast<uint32_t>(status);
+  }
+  platform::TaskMemory memory(task);
+  const auto executable = platform::ReadExecutablePath(pid);
+  Reading last{.changing = true};
+  for (int i = 0; i < kMaxReadings; ++i) {
+    memory.ReadAgain();
+    Reading reading = ReadImages(memory, executable, size);
+    if (!reading.changing) {
+      if (reading.status != ZU_PROCESS_OK) return reading.status;
+      if (reading == last) {
+        std::ranges::copy(reading.paths, buffer);
+        constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max();
+        size = static_cast<uint32_t>(std::min(reading.needed, kMost));
+        return ZU_PROCESS_OK;
+      }
+    } else {
+      std::this_thread::sleep_for(kPause);
+    }
+    last = std::move(reading);
+  }
+  return ZU_PROCESS_NO_DATA;
 }
 
 }  // namespace
@@ -89,9 +137,6 @@ uint32_t GetProcessModules(int32_t pid, char* buffer, uint32_t* size) {
 
 uint32_t GetProcessModules_Old(int32_t pid, char* buffer, uint32_t* size) {
   return zu::Guarded(__func__, ZU_PROCESS_NO_DATA, [=] {
-    zu::process::PathList list(buffer, *size);
-    const uint32_t status = zu::process::ListLoadedImages(pid, list);
-    if (status == ZU_PROCESS_OK) *size = list.needed();
-    return status;
+    return zu::process::ListLoadedImages(pid, buffer, *size);
   });
 }

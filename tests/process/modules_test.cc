@@ -4,10 +4,14 @@
 #include <gmock/gmock.h>
 #include <link.h>
 #include <linux/capability.h>
+#include <linux/userfaultfd.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <filesystem>
+#include <fstream>
 
 #include "ZuHelper.h"
 #include "tests/process/paused_child.h"
@@ -87,6 +91,26 @@ TEST(Modules, AreWrittenAsFarAsTheyFit) {
   EXPECT_EQ(GetProcessModules(1, all.data(), &none), ZU_PROCESS_BAD_ARGUMENT);
 }
 
+// Of a program that loads and unloads libraries all the time.
+TEST(Modules, AreOfOneMoment) {
+  const PausedChild child(
+      [] {},
+      [] {
+        void* const one = ::dlopen("libutil.so.1", RTLD_NOW);
+        void* const other = ::dlopen("libresolv.so.2", RTLD_NOW);
+        ::dlclose(one);
+        ::dlclose(other);
+      });
+  int read = 0;
+  for (int i = 0; i < 2000; ++i) {
+    const auto paths = ReadModules(child.pid());
+    if (!paths) continue;
+    ++read;
+    for (const auto& path : *paths) ASSERT_EQ(path[0], '/') << path;
+  }
+  EXPECT_GT(read, 1000);
+}
+
 // With its NUL, when it begins on a page.
 constexpr size_t kMaxPath = 65536;
 
@@ -101,12 +125,40 @@ char* TextBeforeHole(size_t size, size_t length) {
   return hole - size;
 }
 
+r_debug& LoaderLists() {
+  const ElfW(Dyn)* entry = _DYNAMIC;
+  while (entry->d_tag != DT_DEBUG) ++entry;
+  return *reinterpret_cast<r_debug*>(entry->d_un.d_ptr);
+}
+
+char* Map(int file) {
+  return static_cast<char*>(
+      ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0));
+}
+
+// A page that is not there before this process has said what it is.
+char* MapWatched() {
+  const int watch = static_cast<int>(::syscall(SYS_userfaultfd, O_CLOEXEC));
+  uffdio_api api = {UFFD_API, 0, 0};
+  ::ioctl(watch, UFFDIO_API, &api);
+  void* const page = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  uffdio_register request = {{reinterpret_cast<uintptr_t>(page), 4096},
+                             UFFDIO_REGISTER_MODE_MISSING,
+                             0};
+  ::ioctl(watch, UFFDIO_REGISTER, &request);
+  return static_cast<char*>(page);
+}
+
 // Does its harm to the last image of its loader's list.
 TEST(Modules, OfAHarmfulProcessAreReadInBounds) {
   Paths others = ReadModules(::getpid()).value();
   others.pop_back();
   Paths with_long_path = others;
   with_long_path.emplace_back(kMaxPath - 1, 'x');
+  Paths with_file = others;
+  std::ifstream program("/proc/self/exe");
+  std::getline(program, with_file.emplace_back(), '\0');
   const struct {
     const char* name;
     void (*harm)(link_map& last);
@@ -121,14 +173,35 @@ TEST(Modules, OfAHarmfulProcessAreReadInBounds) {
       {"long path",
        [](auto& last) { last.l_name = TextBeforeHole(kMaxPath, kMaxPath - 1); },
        with_long_path},
+      {"many long paths",
+       [](auto& last) {
+         last.l_name = TextBeforeHole(2 * kMaxPath, 2 * kMaxPath);
+         static std::vector<link_map> more(60000, last);
+         for (auto& each : more)
+           each.l_next = std::exchange(last.l_next, &each);
+       },
+       std::nullopt},
+      {"path in a file",
+       [](auto& last) {
+         last.l_name = Map(::open("/proc/self/exe", O_RDONLY));
+       },
+       with_file},
+      {"path in a file of memory",
+       [](auto& last) {
+         const int file = ::memfd_create("", MFD_CLOEXEC);
+         EXPECT_EQ(::write(file, "/memory", 8), 8);
+         last.l_name = Map(file);
+       },
+       others},
+      {"path withheld", [](auto& last) { last.l_name = MapWatched(); }, others},
+      {"loader at work",
+       [](auto&) { LoaderLists().r_state = r_debug::RT_DELETE; }, std::nullopt},
       {"too long",
        [](auto& last) { last.l_name = TextBeforeHole(2 * kMaxPath, kMaxPath); },
        others}};
   for (const auto& row : kRows) {
     PausedChild child([&row] {
-      const ElfW(Dyn)* entry = _DYNAMIC;
-      while (entry->d_tag != DT_DEBUG) ++entry;
-      link_map* last = reinterpret_cast<r_debug*>(entry->d_un.d_ptr)->r_map;
+      link_map* last = LoaderLists().r_map;
       while (last->l_next != nullptr) last = last->l_next;
       row.harm(*last);
     });
@@ -142,6 +215,11 @@ const ChildScenario kRefused("Refused", [](const Arguments& arguments) {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct nothing[2] = {};
   EXPECT_EQ(::syscall(SYS_capset, &header, nothing), 0);
+  // It can always read itself.
+  uint32_t task = 0;
+  EXPECT_EQ(::prctl(PR_SET_DUMPABLE, 0), 0);
+  EXPECT_EQ(GetMachTask(::getpid(), &task), 0);
+  EXPECT_TRUE(ReadModules(::getpid()));
   gOSVersion = static_cast<uint32_t>(std::stoul(arguments.at(1)));
   char buffer[8] = "#######";
   uint32_t size = sizeof buffer;

@@ -239,6 +239,13 @@ TEST_F(ProcessesTest, TellsProcessesOf64Bits) {
   EXPECT_EQ(is_64_bits("\177ELF\1", EM_X86_64), 0u);
   EXPECT_EQ(is_64_bits("\177ELF\1", EM_PPC), 0u);
   EXPECT_EQ(is_64_bits("#!ELF\1", EM_386), 1u);
+  // What the kernel has on record counts first.
+  const uint32_t narrow[] = {AT_PHNUM, 56, AT_PHENT, sizeof(Elf32_Phdr)};
+  WriteFile("/proc/77/auxv", {reinterpret_cast<const char*>(narrow), 16});
+  EXPECT_EQ(is_64_bits("\177ELF\2", char(EM_AARCH64)), 0u);
+  const uint64_t wide[] = {AT_PHNUM, 32, AT_PHENT, sizeof(Elf64_Phdr)};
+  WriteFile("/proc/77/auxv", {reinterpret_cast<const char*>(wide), 32});
+  EXPECT_EQ(is_64_bits("\177ELF\1", EM_386), 1u);
   EXPECT_EQ(::umount2("/proc", MNT_DETACH), 0);
 }
 

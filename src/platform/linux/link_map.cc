@@ -19,7 +19,12 @@ struct ImageLists {
   uint32_t version;
   uint32_t padding;
   uint64_t first;
+  uint64_t stop;  // Code that the loader runs at each change.
+  uint32_t state;
+  uint32_t more_padding;
 };
+// While it adds or removes images, its list may lead anywhere.
+constexpr uint32_t kConsistent = 0;
 // Where, from version 2 on, the first leads to that of another name space.
 constexpr uint64_t kNextLists = 40;
 struct Image {
@@ -81,13 +86,14 @@ std::optional<ProgramFacts> ParseAuxiliaryVector(
   return facts;
 }
 
-bool ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
-                    std::vector<uint64_t>& path_addresses) {
-  if (program.header_count > kMaxSection / sizeof(Elf64_Phdr)) return false;
+ListResult ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
+                          std::vector<uint64_t>& path_addresses) {
+  if (program.header_count > kMaxSection / sizeof(Elf64_Phdr))
+    return ListResult::kNoProgram;
   const size_t size =
       static_cast<size_t>(program.header_count) * sizeof(Elf64_Phdr);
   std::span<const std::byte> headers = read(program.headers, size);
-  if (headers.size() < size) return false;
+  if (headers.size() < size) return ListResult::kNoProgram;
 
   // Where the headers do not tell of themselves, the loader, too, takes the
   // program as not moved.
@@ -99,21 +105,22 @@ bool ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
     if (header->p_type == PT_INTERP) has_loader = true;
     if (header->p_type == PT_DYNAMIC) dynamic = header;
   }
-  if (!has_loader || !dynamic) return true;
+  if (!has_loader || !dynamic) return ListResult::kListed;
 
   const size_t dynamic_size = std::min(dynamic->p_memsz, kMaxSection);
   const auto section = read(dynamic->p_vaddr + moved_by, dynamic_size);
-  if (section.size() < dynamic_size) return false;
+  if (section.size() < dynamic_size) return ListResult::kNoProgram;
 
   // Each list and each image counts, so that cycles of either end.
   size_t records = 0;
   for (uint64_t address = FindDebugRecord(section); address != 0;) {
     const auto lists =
         ReadRecord<ImageLists>(read(address, sizeof(ImageLists)));
-    if (!lists || ++records > kMaxImages) return false;
+    if (!lists || ++records > kMaxImages) return ListResult::kNoList;
+    if (lists->state != kConsistent) return ListResult::kNoList;
     for (uint64_t next = lists->first; next != 0;) {
       const auto image = ReadRecord<Image>(read(next, sizeof(Image)));
-      if (!image || ++records > kMaxImages) return false;
+      if (!image || ++records > kMaxImages) return ListResult::kNoList;
       if (image->base != program.kernel_image || image->base == 0) {
         path_addresses.push_back(image->path);
       }
@@ -122,10 +129,10 @@ bool ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
     if (lists->version < 2) break;
     const auto other =
         ReadRecord<uint64_t>(read(address + kNextLists, sizeof(uint64_t)));
-    if (!other) return false;
+    if (!other) return ListResult::kNoList;
     address = *other;
   }
-  return true;
+  return ListResult::kListed;
 }
 
 }  // namespace zu::platform

@@ -28,16 +28,23 @@ std::optional<ProgramFacts> ParseAuxiliaryVector(
 using MemoryReader =
     std::function<std::span<const std::byte>(uint64_t address, size_t length)>;
 
+enum class ListResult {
+  kListed,
+  kNoProgram,  // The memory does not hold what the loader was started with.
+  // It does not hold a list, or one of more than kMaxImages, or the loader is
+  // at work on it.
+  kNoList,
+};
+
 // Appends where the path of each image lies, main program first; its own path
 // is empty. What the kernel maps is left out, having no file. A program without
-// a loader, or whose loader has not come that far, has no images. False: the
-// memory does not hold a list, or one of more than kMaxImages.
+// a loader, or whose loader has not come that far, has no images.
 //
 // The process may be out to harm: it may lie anywhere, also differently each
 // time it is asked. That costs a bounded number of bounded reads.
-[[nodiscard]] bool ListImagePaths(const ProgramFacts& program,
-                                  const MemoryReader& read,
-                                  std::vector<uint64_t>& path_addresses);
+[[nodiscard]] ListResult ListImagePaths(const ProgramFacts& program,
+                                        const MemoryReader& read,
+                                        std::vector<uint64_t>& path_addresses);
 
 }  // namespace zu::platform
 

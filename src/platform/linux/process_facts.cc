@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -16,9 +17,16 @@
 namespace zu::platform {
 namespace {
 
-std::string LinkPath(int32_t pid) {
-  return "/proc/" + std::to_string(pid) + "/exe";
+std::string ProcessPath(int32_t pid, const char* name) {
+  return "/proc/" + std::to_string(pid) + "/" + name;
 }
+
+#if defined(__aarch64__)
+constexpr uint32_t kNativeCpuType = kCpuTypeArm64;
+#else
+constexpr uint32_t kNativeCpuType = kCpuTypeX86_64;
+#endif
+constexpr uint32_t k64BitFlag = 0x01000000;
 
 // The part that is the same in files of 32 and of 64 bits.
 constexpr size_t kElfStart = offsetof(Elf64_Ehdr, e_version);
@@ -41,17 +49,62 @@ std::optional<uint32_t> ParseCpuType(
       family = kCpuTypeArm64 & 0xFF;
       break;
   }
-  constexpr uint32_t k64BitFlag = 0x01000000;
   if (elf[EI_CLASS] != ELFCLASS64) return family;
   if (family == 0) return std::nullopt;
   return family | k64BitFlag;
 }
 
+// Whether one of the auxiliary vector's pairs of numbers, which are as wide as
+// the process's addresses, says that program headers have that size.
+template <typename Number>
+bool HasHeaderSize(const void* vector, size_t vector_size, size_t size) {
+  Number pair[2];
+  for (size_t at = 0; at + sizeof pair <= vector_size; at += sizeof pair) {
+    std::memcpy(pair, static_cast<const char*>(vector) + at, sizeof pair);
+    if (pair[0] == AT_PHENT && pair[1] == size) return true;
+  }
+  return false;
+}
+
+struct Identity {
+  uint64_t device[2];
+  uint64_t number;
+  bool operator==(const Identity&) const = default;
+};
+
+// The file's, as far as it is known here: a server that has it is not asked.
+std::optional<Identity> Identify(const std::string& path) {
+  struct statx status;
+  if (::statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) !=
+      0) {
+    return std::nullopt;
+  }
+  return Identity{{status.stx_dev_major, status.stx_dev_minor}, status.stx_ino};
+}
+
 }  // namespace
 
 std::optional<uint32_t> ReadCpuType(int32_t pid) {
+  // The kernel's own file first: to read the executable, one may have to wait
+  // for a program that serves it.
+  char vector[4096];
+  const FileDescriptor facts(RetryOnInterrupt([=] {
+    return ::open(ProcessPath(pid, "auxv").c_str(), O_RDONLY | O_CLOEXEC);
+  }));
+  const ssize_t vector_size = RetryOnInterrupt(
+      [&] { return ::read(facts.get(), vector, sizeof vector); });
+  if (vector_size >= 0) {
+    const auto bytes = static_cast<size_t>(vector_size);
+    if (HasHeaderSize<uint64_t>(vector, bytes, sizeof(Elf64_Phdr))) {
+      return kNativeCpuType;
+    }
+    if (HasHeaderSize<uint32_t>(vector, bytes, sizeof(Elf32_Phdr))) {
+      return kNativeCpuType & ~k64BitFlag;
+    }
+    return std::nullopt;
+  }
   const FileDescriptor file(RetryOnInterrupt([=] {
-    return ::open(LinkPath(pid).c_str(),
+    return ::open(ProcessPath(pid, "exe").c_str(),
                   O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   }));
   unsigned char elf[kElfStart];
@@ -62,7 +115,7 @@ std::optional<uint32_t> ReadCpuType(int32_t pid) {
 }
 
 std::optional<std::string> ReadExecutablePath(int32_t pid) {
-  const std::string link = LinkPath(pid);
+  const std::string link = ProcessPath(pid, "exe");
   char text[PATH_MAX];
   const ssize_t size = ::readlink(link.c_str(), text, sizeof text);
   if (size < 1 || size == sizeof text) return std::nullopt;
@@ -71,13 +124,9 @@ std::optional<std::string> ReadExecutablePath(int32_t pid) {
   // then a file may really be called so.
   constexpr std::string_view kDeleted = " (deleted)";
   if (path.ends_with(kDeleted)) {
-    struct stat running;
-    struct stat named;
-    if (::stat(link.c_str(), &running) != 0) return std::nullopt;
-    if (::stat(path.c_str(), &named) != 0 || named.st_dev != running.st_dev ||
-        named.st_ino != running.st_ino) {
-      path.resize(path.size() - kDeleted.size());
-    }
+    const auto running = Identify(link);
+    if (!running) return std::nullopt;
+    if (Identify(path) != running) path.resize(path.size() - kDeleted.size());
   }
   return path;
 }

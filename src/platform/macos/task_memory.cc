@@ -64,44 +64,49 @@ TaskMemory::Reading TaskMemory::Read(uint64_t address, size_t length) {
 
 size_t PageSize() { return vm_page_size; }
 
-int32_t ReadImagePaths(uint32_t task, TaskMemory& memory,
-                       std::vector<uint64_t>& path_addresses) {
+// Nothing is kept.
+void TaskMemory::ReadAgain() {}
+
+ImageList TaskMemory::ReadImageList() {
   static_assert(sizeof(dyld_image_info) == 24);
   task_dyld_info_data_t info{};
   mach_msg_type_number_t words = TASK_DYLD_INFO_COUNT;
-  if (const kern_return_t status = ::task_info(
-          task, TASK_DYLD_INFO, reinterpret_cast<task_info_t>(&info), &words);
+  if (const kern_return_t status =
+          ::task_info(state_->task, TASK_DYLD_INFO,
+                      reinterpret_cast<task_info_t>(&info), &words);
       status != KERN_SUCCESS) {
-    return status;
+    return {.status = status};
   }
 
   uint32_t count = 0;
   uint64_t records = 0;
   constexpr size_t kCountAt = offsetof(dyld_all_image_infos, infoArrayCount);
   constexpr size_t kRecordsAt = offsetof(dyld_all_image_infos, infoArray);
-  auto reading =
-      memory.Read(info.all_image_info_addr, info.all_image_info_size);
+  auto reading = Read(info.all_image_info_addr, info.all_image_info_size);
   if (const int32_t status = StatusOf(reading, kRecordsAt + sizeof records);
       status != KERN_SUCCESS) {
-    return status;
+    return {.status = status};
   }
   std::memcpy(&count, &reading.data[kCountAt], sizeof count);
   std::memcpy(&records, &reading.data[kRecordsAt], sizeof records);
-  if (count > kMaxImages) return kNoData;
+  // The loader takes the records away while it is at work on them.
+  if (records == 0) return {.status = kNoData, .changing = true};
+  if (count > kMaxImages) return {.status = kNoData};
 
   const size_t size = count * sizeof(dyld_image_info);
-  reading = memory.Read(records, size);
+  reading = Read(records, size);
   if (const int32_t status = StatusOf(reading, size); status != KERN_SUCCESS) {
-    return status;
+    return {.status = status, .changing = true};
   }
+  ImageList list;
   for (size_t at = 0; at < size; at += sizeof(dyld_image_info)) {
     uint64_t path = 0;
     std::memcpy(&path,
                 &reading.data[at + offsetof(dyld_image_info, imageFilePath)],
                 sizeof path);
-    path_addresses.push_back(path);
+    list.path_addresses.push_back(path);
   }
-  return KERN_SUCCESS;
+  return list;
 }
 
 }  // namespace zu::platform
