@@ -78,14 +78,14 @@ std::optional<std::string> ReadImageFile(const std::string& path) {
     return std::nullopt;
   }
   const CFDataRef data = static_cast<CFDataRef>(file);
-  const std::string path(
+  const std::string image(
       reinterpret_cast<const char*>(::CFDataGetBytePtr(data)),
       static_cast<size_t>(::CFDataGetLength(data)));
   // A path in ASCII; other bytes, and a NUL, make none.
-  for (const char c : path) {
+  for (const char c : image) {
     if (c <= 0) return std::nullopt;
   }
-  return path;
+  return image;
 }
 
 }  // namespace zu::platform
