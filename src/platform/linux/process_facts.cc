@@ -11,15 +11,12 @@
 #include <span>
 #include <string_view>
 
+#include "platform/linux/process_file.h"
 #include "support/file_descriptor.h"
 #include "support/utf8.h"
 
 namespace zu::platform {
 namespace {
-
-std::string ProcessPath(int32_t pid, const char* name) {
-  return "/proc/" + std::to_string(pid) + "/" + name;
-}
 
 #if defined(__aarch64__)
 constexpr uint32_t kNativeCpuType = kCpuTypeArm64;
@@ -88,9 +85,7 @@ std::optional<uint32_t> ReadCpuType(int32_t pid) {
   // The kernel's own file first: to read the executable, one may have to wait
   // for a program that serves it.
   char vector[4096];
-  const FileDescriptor facts(RetryOnInterrupt([=] {
-    return ::open(ProcessPath(pid, "auxv").c_str(), O_RDONLY | O_CLOEXEC);
-  }));
+  const FileDescriptor facts = OpenProcessFile(pid, "auxv");
   const ssize_t vector_size = RetryOnInterrupt(
       [&] { return ::read(facts.get(), vector, sizeof vector); });
   if (vector_size >= 0) {
@@ -103,10 +98,8 @@ std::optional<uint32_t> ReadCpuType(int32_t pid) {
     }
     return std::nullopt;
   }
-  const FileDescriptor file(RetryOnInterrupt([=] {
-    return ::open(ProcessPath(pid, "exe").c_str(),
-                  O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  }));
+  const FileDescriptor file =
+      OpenProcessFile(pid, "exe", O_NOCTTY | O_NONBLOCK);
   unsigned char elf[kElfStart];
   const ssize_t size =
       RetryOnInterrupt([&] { return ::read(file.get(), elf, sizeof elf); });
@@ -115,7 +108,7 @@ std::optional<uint32_t> ReadCpuType(int32_t pid) {
 }
 
 std::optional<std::string> ReadExecutablePath(int32_t pid) {
-  const std::string link = ProcessPath(pid, "exe");
+  const std::string link = ProcessPath(pid, "exe").text;
   char text[PATH_MAX];
   const ssize_t size = ::readlink(link.c_str(), text, sizeof text);
   if (size < 1 || size == sizeof text) return std::nullopt;

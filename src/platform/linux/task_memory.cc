@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/linux/link_map.h"
+#include "platform/linux/process_file.h"
 #include "support/file_descriptor.h"
 
 namespace zu::platform {
@@ -36,19 +37,6 @@ constexpr size_t kMaxMappings = 65536;
 // What a loader keeps of its images lies close together, and a call costs more
 // than a page.
 constexpr uint64_t kBlock = 8;  // Pages.
-
-struct ProcessPath {
-  ProcessPath(uint32_t task, const char* name) {
-    std::snprintf(text, sizeof text, "/proc/%u/%s", task, name);
-  }
-  char text[32];
-};
-
-FileDescriptor OpenProcessFile(uint32_t task, const char* name) {
-  const ProcessPath path(task, name);
-  return FileDescriptor(RetryOnInterrupt(
-      [&] { return ::open(path.text, O_RDONLY | O_CLOEXEC); }));
-}
 
 struct StreamCloser {
   void operator()(std::FILE* stream) const { std::fclose(stream); }
