@@ -7,10 +7,11 @@ namespace zu::system {
 // For the load hook: keeps the value of "vm.shared_region_unnest_logging".
 void KeepUnnestLogging();
 
-// Tells that the value has been changed for a host. Any thread.
+// Tells that this process has changed the value for its host. Any thread.
 void NoteUnnestLoggingChange();
 
-// For the unload hook: writes the kept value back, if there was a change.
+// For the unload hook: writes the kept value back, if this very process has
+// changed it.
 void RestoreUnnestLogging();
 
 }  // namespace zu::system

@@ -274,8 +274,7 @@ Section Agent() {
            {"marked_running", "Marked as running", AgentMark()}}};
 }
 
-// ---- the library's figures about this process
-// ---------------------------------
+// ---- counters ---------------------------------------------------------------
 
 struct Figure {
   const char* key;
