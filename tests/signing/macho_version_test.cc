@@ -58,13 +58,13 @@ using MachOVersionTest = RootedTest;
 
 TEST_F(MachOVersionTest, OfLibraries) {
   const Bytes program = BuildMachO();
-  MachOOptions options = {.dynamic_library = true, .library_version = 0x20304};
+  MachOOptions options = {.dynamic_library = true, .dylib_version = 0x20304};
   const Bytes intel = BuildMachO(options);
   options.order = ByteOrder::kBig;
   const Bytes big = BuildMachO(options);
   const Bytes old = BuildMachO({.cpu_type = kCpuTypeX86,
                                 .dynamic_library = true,
-                                .library_version = 0x50607});
+                                .dylib_version = 0x50607});
   const Bytes universal = BuildUniversal({program, old, intel});
   Bytes little = universal;  // With its header turned.
   for (size_t i = 0; i < 8 + 3 * 20; i += 4) {

@@ -113,7 +113,7 @@ Writer PutCommands(const MachOOptions& options, uint64_t code, uint64_t page,
   }
   // The library itself, or one that the program uses.
   out.BeginCommand(options.dynamic_library ? 0xd : 0xc, 56);
-  for (const uint32_t field : {24u, 2u, options.library_version, 0x10000u}) {
+  for (const uint32_t field : {24u, 2u, options.dylib_version, 0x10000u}) {
     out.Put32(field);
   }
   out.PutText("/usr/lib/libtest.dylib", 32);

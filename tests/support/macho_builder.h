@@ -16,8 +16,8 @@ namespace zu::test {
 struct MachOOptions {
   uint32_t cpu_type = kCpuTypeX86_64;
   ByteOrder order = ByteOrder::kLittle;
-  bool dynamic_library = false;        // Else a program.
-  uint32_t library_version = 0x10000;  // Of that; it is compatible with 1.0.
+  bool dynamic_library = false;      // Else a program.
+  uint32_t dylib_version = 0x10000;  // Of that; it is compatible with 1.0.
   std::string info_dictionary = {};  // In __TEXT,__info_plist, if there is one.
   size_t code_size = 2000;
   size_t room = 64;  // Behind the load commands.

@@ -201,8 +201,8 @@ TEST_F(ZuctlTest, TellsWhatAFileIs) {
       Json("zuctl file /tmp/text"),
       HasSubstr("\"kind\":\"file\",\"size\":3,\"sha1\":"
                 "\"A9993E364706816ABA3E25717850C26C9CD0D89D\",\"md5_64\":\""));
-  WriteBytes("/tmp/library", BuildMachO({.dynamic_library = true,
-                                         .library_version = 0x1230405}));
+  WriteBytes("/tmp/library",
+             BuildMachO({.dynamic_library = true, .dylib_version = 0x1230405}));
   EXPECT_THAT(Json("zuctl file /tmp/library"),
               HasSubstr(R"("version":"291.4.5","compatibility":"1.0.0",)"
                         R"("text":null)"));
