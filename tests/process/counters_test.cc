@@ -249,6 +249,7 @@ const struct {
   // Of a terminal in the login records, and of a session's.
   std::optional<int64_t> login_idle, session_idle;
   uint64_t expected;
+  const char* session_type = "tty";
 } kIdleRows[] = {{"nothing known", Bus::kNone, 0, kNone, kNone, UINT64_MAX},
                  {"bus is silent", Bus::kSilent, 0, kNone, kNone, UINT64_MAX},
                  {"manager refuses", Bus::kRefuses, 0, 4, kNone, 4},
@@ -256,6 +257,8 @@ const struct {
                  {"hint without sense", Bus::kIdle, kLong, 1, kNone, 0},
                  {"no hint, no terminals", Bus::kBusy, 9, kNone, kNone, 0},
                  {"no hint, two terminals", Bus::kBusy, 9, 12, 5, 5},
+                 {"used since the terminals", Bus::kBusy, 4, 12, kNone, 4},
+                 {"graphical session", Bus::kBusy, 9, 12, 5, 0, "wayland"},
                  {"terminal from the future", Bus::kNone, 0, -30, 7, 0}};
 
 TEST_F(RootedCountersTest, TellHowLongNobodyWasThere) {
@@ -279,7 +282,8 @@ TEST_F(RootedCountersTest, TellHowLongNobodyWasThere) {
     for (const auto& [file, text] :
          {std::pair("1", "greeter\nSTATE=online\nTTY=" + other.line()),
           {"2", "user\nSTATE=closing\nTTY=" + other.line()},
-          {"3", "user\nSTATE=active\nTTY=" + session_line}}) {
+          {"3", "user\nSTATE=active\nTTY=" + session_line +
+                    "\nTYPE=" + row.session_type}}) {
       WriteFile(std::string("/run/systemd/sessions/") + file,
                 "UID=0\nCLASS=" + text);
     }

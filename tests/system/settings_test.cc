@@ -123,6 +123,15 @@ const zu::test::ChildScenario kHost(
         WriteFile(kSetting, "8\n");
         return 0;
       }
+      if (arguments[0] == "forks") {  // What changes it puts it back.
+        const pid_t background = ::fork();
+        if (background == 0) std::exit(ZuSetSharedRegionUnnestLogging(7));
+        int status = -1;
+        EXPECT_EQ(::waitpid(background, &status, 0), background);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(ReadFile(kSetting), "123\n");
+        return 0;
+      }
       EXPECT_EQ(ZuSetSharedRegionUnnestLogging(7), 0);
       const pid_t child = ::fork();  // One that ends as the host does.
       if (child == 0) std::exit(0);
@@ -147,7 +156,7 @@ TEST_F(SettingsTest, UnnestLoggingIsOneNumberAndPutBack) {
   EXPECT_EQ(GetSharedRegionUnnestLogging(nullptr), EINVAL);
   // Put back is only what a host has changed under the name that notes it.
   for (const auto& [host, left] :
-       {std::pair("changes", "123\n"), {"fails", "8\n"}}) {
+       {std::pair("changes", "123\n"), {"forks", "123\n"}, {"fails", "8\n"}}) {
     WriteFile(kSetting, "123\n");
     const zu::test::ChildResult result = zu::test::RunInChild(kHost, {host});
     EXPECT_EQ(result.status, 0) << host << result.output;
