@@ -12,7 +12,10 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <utility>
+#include <vector>
 
+#include "platform/linux/mount_table.h"
 #include "platform/linux/text_file.h"
 #include "support/file_descriptor.h"
 
@@ -58,14 +61,6 @@ constexpr CaseRule kCaseRules[] = {
 constexpr std::string_view kFlaggingTypes[] = {"bcachefs", "ext4", "f2fs",
                                                "tmpfs"};
 
-struct Mount {
-  unsigned major = 0;  // 0: the device number stands for no device.
-  unsigned minor = 0;
-  std::string type = {};
-  std::string source = {};
-  std::string options = {};  // The file system's own, "rw,name=value".
-};
-
 struct Place {
   bool is_directory = false;
   // Absent when the mount table does not have it (behind a plain chroot, for
@@ -91,24 +86,11 @@ std::string ReadMountNumber(const char* path) {
   return number;
 }
 
-// From the table in proc(5).
 std::optional<Mount> FindMount(const std::string& number) {
-  const std::string start = number + " ";
-  std::istringstream table(ReadTextFile("/proc/self/mountinfo"));
-  for (std::string line; std::getline(table, line);) {
-    if (!line.starts_with(start)) continue;
-    std::istringstream fields(line);
-    Mount mount;
-    std::string skipped;
-    fields >> skipped >> skipped >> mount.major;
-    fields.ignore(1, ':') >> mount.minor;
-    while (fields >> skipped && skipped != "-") continue;
-    if (fields >> mount.type >> mount.source) {
-      fields >> mount.options;
-      return mount;
-    }
-  }
-  return std::nullopt;
+  std::vector<Mount> mounts = ReadMountTable();
+  const auto mount = std::ranges::find(mounts, number, &Mount::number);
+  if (mount == mounts.end()) return std::nullopt;
+  return std::move(*mount);
 }
 
 // Absent, with errno, when there is no such path. Nothing that a server would
