@@ -21,9 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t offset = std::min<uint64_t>(address - kStart, memory.size());
     return memory.subspan(offset, std::min(length, memory.size() - offset));
   };
-  std::vector<uint64_t> paths;
-  (void)zu::platform::ListImagePaths(*program, read, paths);
+  std::vector<zu::platform::ImageRecord> images;
+  (void)zu::platform::ListImages(*program, read, images);
   constexpr size_t kMost = zu::platform::kMaxImages;
-  if (paths.size() > kMost || reads > 2 * kMost + 4) std::abort();
+  if (images.size() > kMost || reads > 2 * kMost + 4) std::abort();
   return 0;
 }

@@ -16,6 +16,13 @@ namespace zu::platform {
 // No process has that many images; a list that goes on is not a list.
 inline constexpr size_t kMaxImages = 65536;
 
+// What the loader keeps of an image.
+struct ImageRecord {
+  uint64_t address;
+  uint64_t path;  // Where the image's path lies.
+  bool operator==(const ImageRecord&) const = default;
+};
+
 struct ImageList {
   // 0, or why there is no list: the kernel's status, or 5 when the task's
   // memory does not hold one.
@@ -23,9 +30,8 @@ struct ImageList {
   // The loader was at work on it, or seems to have been: there is none now, but
   // there may be in a moment.
   bool changing = false;
-  // Where the path of each image lies in the task, in the loader's order: the
-  // main executable first.
-  std::vector<uint64_t> path_addresses = {};
+  // In the loader's order: the main executable first.
+  std::vector<ImageRecord> images = {};
 };
 
 // Reads a task's memory; what it hands out of it lives until the next call. For
@@ -50,7 +56,7 @@ class TaskMemory {
 
   // A task without a loader has no images. The task runs on: what lies at the
   // addresses, and they themselves, can only be relied on when a later reading
-  // gives the same.
+  // gives the same records.
   ImageList ReadImageList();
 
  private:

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "ZuHelper.h"
 #include "platform/process_facts.h"
@@ -59,6 +60,7 @@ std::optional<std::string_view> ReadPath(platform::TaskMemory& memory,
 struct Reading {
   uint32_t status = ZU_PROCESS_OK;
   bool changing = false;
+  std::vector<platform::ImageRecord> images = {};
   std::string paths = {};  // Those that fit, each with its NUL.
   uint64_t needed = 0;
   bool operator==(const Reading&) const = default;
@@ -68,7 +70,7 @@ Reading ReadImages(platform::TaskMemory& memory,
                    const std::optional<std::string>& executable,
                    uint32_t capacity) {
   Reading reading;
-  const platform::ImageList list = memory.ReadImageList();
+  platform::ImageList list = memory.ReadImageList();
   reading.status = static_cast<uint32_t>(list.status);
   reading.changing = list.changing;
   if (reading.status != ZU_PROCESS_OK) return reading;
@@ -76,23 +78,25 @@ Reading ReadImages(platform::TaskMemory& memory,
     reading.needed += path.size() + 1;
     if (reading.needed <= capacity) reading.paths.append(path).push_back('\0');
   };
-  std::span<const uint64_t> images(list.path_addresses);
+  reading.images = std::move(list.images);
+  std::span<const platform::ImageRecord> images(reading.images);
   if (executable) {
     add(*executable);
     // The loader's first image is the main executable.
     if (!images.empty()) images = images.subspan(1);
   }
   std::string joined;
-  for (const uint64_t address : images) {
-    const auto path = ReadPath(memory, address, joined);
+  for (const platform::ImageRecord& image : images) {
+    const auto path = ReadPath(memory, image.path, joined);
     if (path && !path->empty()) add(*path);
   }
   return reading;
 }
 
 // Nothing holds the process while it is read, and its loader may change the
-// list and reuse the memory: only what two readings in a row agree on was the
-// list in between. Until then the caller's buffer is left alone.
+// list and reuse the memory: only what two readings in a row agree on, down to
+// the records, was the list in between. (What memory holds that is free may be
+// the same text twice.) Until then the caller's buffer is left alone.
 uint32_t ListLoadedImages(int32_t pid, char* buffer, uint32_t& size) {
   uint32_t task = 0;
   if (const int32_t status = platform::GetTask(pid, task); status != 0) {

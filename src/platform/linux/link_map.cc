@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/task_memory.h"
-
 namespace zu::platform {
 namespace {
 
@@ -86,8 +84,8 @@ std::optional<ProgramFacts> ParseAuxiliaryVector(
   return facts;
 }
 
-ListResult ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
-                          std::vector<uint64_t>& path_addresses) {
+ListResult ListImages(const ProgramFacts& program, const MemoryReader& read,
+                      std::vector<ImageRecord>& images) {
   if (program.header_count > kMaxSection / sizeof(Elf64_Phdr))
     return ListResult::kNoProgram;
   const size_t size =
@@ -111,26 +109,31 @@ ListResult ListImagePaths(const ProgramFacts& program, const MemoryReader& read,
   const auto section = read(dynamic->p_vaddr + moved_by, dynamic_size);
   if (section.size() < dynamic_size) return ListResult::kNoProgram;
 
-  // Each list and each image counts, so that cycles of either end.
+  // The lists come before any image: they say whether images can be relied on.
+  // Each of either counts, so that cycles end.
   size_t records = 0;
+  std::vector<uint64_t> first_images;
   for (uint64_t address = FindDebugRecord(section); address != 0;) {
     const auto lists =
         ReadRecord<ImageLists>(read(address, sizeof(ImageLists)));
     if (!lists || ++records > kMaxImages) return ListResult::kNoList;
     if (lists->state != kConsistent) return ListResult::kNoList;
-    for (uint64_t next = lists->first; next != 0;) {
-      const auto image = ReadRecord<Image>(read(next, sizeof(Image)));
-      if (!image || ++records > kMaxImages) return ListResult::kNoList;
-      if (image->base != program.kernel_image || image->base == 0) {
-        path_addresses.push_back(image->path);
-      }
-      next = image->next;
-    }
+    first_images.push_back(lists->first);
     if (lists->version < 2) break;
     const auto other =
         ReadRecord<uint64_t>(read(address + kNextLists, sizeof(uint64_t)));
     if (!other) return ListResult::kNoList;
     address = *other;
+  }
+  for (uint64_t next : first_images) {
+    while (next != 0) {
+      const auto image = ReadRecord<Image>(read(next, sizeof(Image)));
+      if (!image || ++records > kMaxImages) return ListResult::kNoList;
+      if (image->base != program.kernel_image || image->base == 0) {
+        images.push_back({next, image->path});
+      }
+      next = image->next;
+    }
   }
   return ListResult::kListed;
 }

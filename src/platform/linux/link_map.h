@@ -9,6 +9,8 @@
 #include <span>
 #include <vector>
 
+#include "platform/task_memory.h"
+
 namespace zu::platform {
 
 // What the kernel told the process about its program.
@@ -36,15 +38,15 @@ enum class ListResult {
   kNoList,
 };
 
-// Appends where the path of each image lies, main program first; its own path
-// is empty. What the kernel maps is left out, having no file. A program without
+// Appends the record of each image, main program first; its own path is empty.
+// What the kernel maps is left out, having no file. A program without
 // a loader, or whose loader has not come that far, has no images.
 //
 // The process may be out to harm: it may lie anywhere, also differently each
 // time it is asked. That costs a bounded number of bounded reads.
-[[nodiscard]] ListResult ListImagePaths(const ProgramFacts& program,
-                                        const MemoryReader& read,
-                                        std::vector<uint64_t>& path_addresses);
+[[nodiscard]] ListResult ListImages(const ProgramFacts& program,
+                                    const MemoryReader& read,
+                                    std::vector<ImageRecord>& images);
 
 }  // namespace zu::platform
 

@@ -104,7 +104,7 @@ ImageList TaskMemory::ReadImageList() {
     std::memcpy(&path,
                 &reading.data[at + offsetof(dyld_image_info, imageFilePath)],
                 sizeof path);
-    list.path_addresses.push_back(path);
+    list.images.push_back({records + at, path});
   }
   return list;
 }
