@@ -112,8 +112,8 @@ struct TaskMemory::State {
   // A page that cannot be read takes those behind it along.
   void Fetch(std::span<const Part> parts) {
     const size_t size = PageSize();
-    std::vector<iovec> local;
-    std::vector<iovec> remote;
+    local.clear();
+    remote.clear();
     size_t wanted = 0;
     uint64_t end = 0;
     for (const auto& [run, first, count] : parts) {
@@ -140,10 +140,13 @@ struct TaskMemory::State {
 
   // Null when there is none.
   Run* FindRun(uint64_t address) {
+    if (recent != nullptr && recent->IndexOf(address) < recent->count) {
+      return recent;
+    }
     const auto after = runs.upper_bound(address);
     if (after == runs.begin()) return nullptr;
     Run& run = std::prev(after)->second;
-    return run.IndexOf(address) < run.count ? &run : nullptr;
+    return run.IndexOf(address) < run.count ? recent = &run : nullptr;
   }
 
   // What a loader keeps of its images lies close together, and a call costs
@@ -198,6 +201,7 @@ struct TaskMemory::State {
   void Drop() {
     runs.clear();
     in_order.clear();
+    recent = nullptr;
     pages_kept = 0;
   }
 
@@ -229,9 +233,12 @@ struct TaskMemory::State {
   std::optional<MemoryGuard> guard;
   uint64_t bytes_left = kMaxBytesRead;
   std::map<uint64_t, Run> runs;  // By where they start.
+  Run* recent = nullptr;         // What was found last is often meant again.
   std::vector<Run*> in_order;    // Of their first reading.
   size_t pages_kept = 0;
-  bool all_kept = true;  // Of what was read since it was last read again.
+  bool all_kept = true;      // Of what was read since it was last read again.
+  std::vector<iovec> local;  // The request's, which keep their room.
+  std::vector<iovec> remote;
   std::vector<std::byte> joined;
 };
 
