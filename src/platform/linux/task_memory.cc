@@ -82,7 +82,7 @@ struct TaskMemory::State {
       return static_cast<size_t>(address - start) >> kPageShift;
     }
     std::byte* BytesOf(size_t index) const {
-      return lines.get()->bytes + index * PageSize();
+      return reinterpret_cast<std::byte*>(lines.get()) + index * PageSize();
     }
     uint64_t start;
     size_t count;
