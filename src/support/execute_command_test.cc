@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 #include <cstdlib>
@@ -25,7 +27,9 @@ namespace zu {
 namespace {
 
 using namespace std::string_literals;
+using test::CountThreads;
 using test::HasChildren;
+using test::IsOurChild;
 using test::WaitUntil;
 using test::WriteFile;
 using ::testing::ElementsAre;
@@ -113,46 +117,99 @@ TEST_F(RunnerTest, SlowToolsDelayNobody) {
   EXPECT_TRUE(WaitUntil([] { return !HasChildren(); }));
 }
 
-// Hosts that treat their children, or their standard descriptors, in ways of
-// their own: the system reaps the children and all signals are blocked, a
-// thread of the host reaps, or the descriptors that the arguments name are
-// closed.
-const test::ChildScenario kOddHost(
-    "OddHost", [](const test::Arguments& arguments) {
-      std::jthread thief;
-      if (arguments[0] == "steals") {
-        thief = test::StealChildren();
-      } else if (arguments[0] == "ignores") {
-        ::signal(SIGCHLD, SIG_IGN);
-        ::signal(SIGPIPE, SIG_IGN);
-        sigset_t all;
-        sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
-      } else {
-        for (const std::string& each : arguments) ::close(std::stoi(each));
-      }
-      for (int i = 0; i < 20; ++i) {
-        // Nothing is blocked, and the bits of SIGCHLD and SIGPIPE are clear.
-        const Output clean_lines = ExecuteCommand::Run(
-            "/bin/grep",
-            {"-c", "^SigBlk:.0*$\\|^SigIgn:.*[02468ace][02468ace]...$",
-             "/proc/self/status"});
-        if (clean_lines != "2\n") return 3;
-      }
-      EXPECT_TRUE(WaitUntil([] { return !HasChildren(); }));
-      return 0;
-    });
+// The system reaps the host's children and all signals are blocked; in the end
+// a standard descriptor is closed too.
+const test::ChildScenario kOddHost("OddHost", [](const test::Arguments&) {
+  ::signal(SIGCHLD, SIG_IGN);
+  ::signal(SIGPIPE, SIG_IGN);
+  sigset_t all;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  // Nothing is blocked, and the bits of SIGCHLD and SIGPIPE are clear.
+  EXPECT_EQ(ExecuteCommand::Run(
+                "/bin/grep",
+                {"-c", "^SigBlk:.0*$\\|^SigIgn:.*[02468ace][02468ace]...$",
+                 "/proc/self/status"}),
+            "2\n");
+  EXPECT_TRUE(WaitUntil([] { return !HasChildren(); }));
+  ::close(STDIN_FILENO);
+  EXPECT_EQ(ExecuteCommand::Run("/bin/true", {}), std::nullopt);
+  return 0;
+});
 
-TEST_F(RunnerTest, OddHosts) {
+TEST_F(RunnerTest, OddHost) {
   test::SystemLog log;
-  for (const test::Arguments& arguments :
-       {test::Arguments{"ignores"}, {"steals"}, {"1", "2"}}) {
-    EXPECT_EQ(test::RunInChild(kOddHost, arguments).status, 0) << arguments[0];
-  }
-  EXPECT_EQ(test::RunInChild(kOddHost, {"0"}).status, 3);
+  const test::ChildResult result = test::RunInChild(kOddHost);
+  EXPECT_EQ(result.status, 0) << result.output;
   EXPECT_THAT(log.Take(),
               ElementsAre("ZuHelperOSX.+[ExecuteCommand Run:argument:](): "
                           "Bad file handle from pipe"));
+}
+
+// ------------------------------------------------------------- reaper --
+
+// A child that lives until it is killed, and is to be reaped then.
+pid_t PendingChild() {
+  const pid_t child = ::fork();
+  while (child == 0) ::pause();
+  ReapWhenItEnds(child);
+  return child;
+}
+
+bool IsReapedAfterKill(pid_t child) {
+  ::kill(child, SIGKILL);
+  return WaitUntil([child] { return !IsOurChild(child); });
+}
+
+// The thread lives while there is something to reap; stopping it leaves
+// children, and no call makes another one then.
+const test::ChildScenario kLife("Life", [](const test::Arguments&) {
+  const size_t before = CountThreads();
+  for (int round = 0; round < 2; ++round) {
+    const pid_t children[] = {PendingChild(), PendingChild()};
+    EXPECT_EQ(CountThreads(), before + 1);
+    EXPECT_TRUE(IsReapedAfterKill(children[1]));
+    EXPECT_TRUE(IsReapedAfterKill(children[0]));
+    EXPECT_TRUE(WaitUntil([=] { return CountThreads() == before; }));
+  }
+  const pid_t left = PendingChild();
+  StopChildReaper();
+  EXPECT_TRUE(WaitUntil([=] { return CountThreads() == before; }));
+  EXPECT_TRUE(IsOurChild(left));
+  StopChildReaper();
+  ReapWhenItEnds(left);
+  EXPECT_EQ(CountThreads(), before);
+  ::kill(left, SIGKILL);
+  return 0;
+});
+
+const test::ChildScenario kForked("Forked", [](const test::Arguments&) {
+  const pid_t parents = PendingChild();
+  const pid_t forked = ::fork();
+  if (forked == 0) {
+    // A new thread must not get the place of the parent's, which the thread
+    // sanitizer takes for still running.
+    pthread_attr_t attributes;
+    ::pthread_getattr_default_np(&attributes);
+    ::pthread_attr_setstacksize(&attributes, size_t{1} << 24);
+    ::pthread_setattr_default_np(&attributes);
+    const bool reaped = IsReapedAfterKill(PendingChild());
+    StopChildReaper();
+    ::_exit(reaped ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(::waitpid(forked, &status, 0), forked);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(IsReapedAfterKill(parents));
+  return 0;
+});
+
+// Each starts with a reaper that was never used.
+TEST(ChildReaperTest, InAProcessOfItsOwn) {
+  for (const auto* scenario : {&kLife, &kForked}) {
+    const test::ChildResult result = test::RunInChild(*scenario);
+    EXPECT_EQ(result.status, 0) << scenario->name << '\n' << result.output;
+  }
 }
 
 }  // namespace

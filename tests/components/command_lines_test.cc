@@ -1,15 +1,18 @@
-// Services, kernel extensions and the ownership of files: the tools that they
-// run, word for word.
+// Services, kernel extensions, the ownership of files and archives: the tools
+// that they run, word for word. And the updater, with all that it starts with.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 
 #include "ZuHelper.h"
 #include "build_values.h"
 #include "tests/support/fake_tool.h"
+#include "tests/support/process_state.h"
 #include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
 
 namespace {
 
@@ -49,32 +52,35 @@ TEST_F(CommandLinesTest, CallsAndResults) {
       {ZuStopZuKext, kKextunload, ZU_KEXTUNLOAD(".ZuShieldDrvOSX")},
       {ZuStartOrvexKext, kSudo, ZU_KEXTLOAD("ZuOrvexMacOSDriver")},
       {ZuStopOrvexKext, kKextunload, ZU_KEXTUNLOAD(".ZuOrvexMacOSDriver")},
-      {[] { return StopKext(""); }, kKextunload, "|-b|\n"},
       {[] { return StopService("gone.plist"); }, kLaunchctl, ""},
       {[] { return StartService(nullptr); }, kLaunchctl, ""},
-      {[] { return StopService(nullptr); }, kLaunchctl, ""},
-      {[] { return StartKext(nullptr); }, kSudo, ""},
-      {[] { return StopKext(nullptr); }, kKextunload, ""},
       {[=] { return own(kFile, "a", "b"); }, kSudo,
        "|/usr/sbin/chown|a:b|/Users/zu/a file\n"},
       {[=] { return own(kHome, "1", "2"); }, kSudo,
        "|/usr/sbin/chown|-R|1:2|/Users/zu\n"},
       {[=] { return own("/Users/none", "a", "b"); }, kSudo, ""},
       {[=] { return own(kFile, "", "b"); }, kSudo, ""},
-      {[=] { return own(kFile, "a", nullptr); }, kSudo, ""},
       {[=] { return permit(kFile, "", 0); }, kChmod, "||/Users/zu/a file\n"},
       {[=] { return permit(kHome, "0755", 256); }, kChmod,
        "|-R|0755|/Users/zu\n"},
-      {[=] { return permit("/Users/none", "0755", 1); }, kChmod, ""},
       {[=] { return permit(kFile, nullptr, 1); }, kChmod, ""},
+      {[] { return ZuDecompress("/a b/$c.tbz///"); }, kSudo,
+       "|/usr/bin/tar|-C|/a b|-jxf|/a b/$c.tbz///\n"},
+      {[] { return ZuDecompress("a.tbz"); }, kSudo,
+       "|/usr/bin/tar|-C||-jxf|a.tbz\n"},
+      {[] { return ZuDecompress("/"); }, kSudo, "|/usr/bin/tar|-C|/|-jxf|/\n"},
+      {[] { return ZuDecompress("//a//\u00E9//c"); }, kSudo,
+       "|/usr/bin/tar|-C|/a/\u00E9|-jxf|//a//\u00E9//c\n"},
+      {[] { return ZuDecompress(nullptr); }, kSudo, ""},
+      {[] { return ZuDecompress(""); }, kSudo, ""},
+      {[] { return ZuDecompress("\xff"); }, kSudo, ""},
   };
   WriteFile(kFile, "");
   WriteFile(ZU_DAEMON(".agent_service"), "");
   WriteFile(ZU_DAEMON(".zubrantes"), "");
-  // Nobody writes to it.
-  ASSERT_EQ(::mkfifo(ZU_DAEMON(".zuorvex_service"), 0600), 0);
+  WriteFile(ZU_DAEMON(".zuorvex_service"), "");
   for (const auto& [call, tool, line] : cases) {
-    SCOPED_TRACE(line + std::to_string(&line - &cases[0].line));
+    SCOPED_TRACE(line);
     for (const std::string output : {"", "\n"}) {
       const zu::test::RecordingTool recorder(tool, output);
       EXPECT_EQ(call(), !line.empty() && output.empty());
@@ -86,22 +92,60 @@ TEST_F(CommandLinesTest, CallsAndResults) {
 }
 
 TEST_F(CommandLinesTest, OwnerIsTheUserAtTheTerminal) {
-  const struct {
-    const char *who, *path, *line;
-  } cases[] = {
-      {"zu  ttys000  Nov 23 04:14\n", kFile, "|zu|/Users/zu/a file\n"},
-      {"z\u20ac\u2003tty", kFile, "|z\u20ac|/Users/zu/a file\n"},
-      {" zu ttys000\n", kFile, "||/Users/zu/a file\n"},
-      {"", kFile, ""},
-      {"zu\n", "", ""},
-  };
-  for (const auto& c : cases) {
-    const zu::test::RecordingTool who("/usr/bin/who", c.who);
+  for (const auto& [printed, line] :
+       {std::pair("zu  ttys000  Nov 23\n", "|zu|/Users/zu/a file\n"),
+        {"z\u20ac\u2003tty", "|z\u20ac|/Users/zu/a file\n"},
+        {"", ""}}) {
+    const zu::test::RecordingTool who("/usr/bin/who", printed);
     const zu::test::RecordingTool chown("/usr/sbin/chown", "");
-    EXPECT_EQ(ZuChangeFileOwnerToCurrentUser(c.path), *c.line != '\0') << c.who;
-    EXPECT_EQ(chown.CommandLines(), c.line);
-    EXPECT_EQ(who.CommandLines(), *c.path != '\0' ? "|-m\n" : "");
+    EXPECT_EQ(ZuChangeFileOwnerToCurrentUser(kFile), *line != '\0');
+    EXPECT_EQ(chown.CommandLines(), line);
+    EXPECT_EQ(who.CommandLines(), "|-m\n");
   }
+}
+
+constexpr char kUpdater[] = "/Library/Zu Agent/updater";
+constexpr char kDirectory[] = "/Library/Zu Agent/work";
+constexpr char kPlain[] = "/Library/Zu Agent/plain";
+constexpr char kRegistry[] = "MONO_REGISTRY_PATH";
+
+// In this order: directory, arguments, environment, descriptors (ls opens one
+// itself) and whether the process group is its own.
+constexpr char kReport[] = R"sh(#!/bin/sh
+exec >/tmp/report
+pwd -P
+printf '<%s>\n' "$@"
+tr '\000' '\n' </proc/$$/environ
+ls /proc/self/fd
+[ "$(cut -d ' ' -f 5 /proc/$$/stat)" = $$ ] && echo own group
+)sh";
+
+TEST_F(CommandLinesTest, StartsTheUpdaterCleanlyWhereItCanWork) {
+  const auto childless = [] { return !zu::test::HasChildren(); };
+  EXPECT_TRUE(zu::test::WaitUntil(childless));  // Of other tests' children.
+  WriteFile(kUpdater, kReport, 0755);
+  WriteFile(kPlain, kReport);
+  std::filesystem::create_directory(kDirectory);
+  ::unsetenv(kRegistry);
+  EXPECT_EQ(ZuStartZuUpdater(kUpdater, kDirectory, "a", "b"), 0u);
+  ::setenv(kRegistry, "", 1);
+  const char* const refused[][4] = {
+      {kPlain, kDirectory, "a", "b"},
+      {kUpdater, kPlain, "a", "b"},
+      {kUpdater, kDirectory, nullptr, "b"},
+      {kUpdater, kDirectory, "a", ""},
+  };
+  for (const auto& [program, directory, first, second] : refused) {
+    EXPECT_EQ(ZuStartZuUpdater(program, directory, first, second), 0u);
+    EXPECT_TRUE(childless()) << program << directory;
+  }
+  ::dup2(STDOUT_FILENO, 77);  // Children inherit it.
+  EXPECT_EQ(ZuStartZuUpdater(kUpdater, kDirectory, "--one", "2 3"), 1u);
+  EXPECT_TRUE(zu::test::WaitUntil(childless));
+  EXPECT_EQ(zu::test::ReadFile("/tmp/report"),
+            "/Library/Zu Agent/work\n<--one>\n<2 3>\n"
+            "DYLD_LIBRARY_PATH=/Library/Zu Agent\nMONO_REGISTRY_PATH=\n"
+            "0\n1\n2\n3\nown group\n");
 }
 
 }  // namespace

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include "ZuHelper.h"
 
@@ -88,20 +90,18 @@ TEST(Utf16, BytesAreMacRoman) {
   if (converter == reinterpret_cast<iconv_t>(-1)) {
     GTEST_SKIP() << "the C library has no MACINTOSH converter";
   }
-  for (int byte = 1; byte < 256; ++byte) {
-    char text[] = {static_cast<char>(byte), '\0'};
-    uint16_t expected[3] = {};
-    char* in = text;
-    char* out = reinterpret_cast<char*>(expected);
-    size_t left[] = {1, 2};
-    ::iconv(converter, &in, &left[0], &out, &left[1]);
-    if (byte == 0xC6) expected[0] = 0x2206;
-    if (byte == 0xF0) expected[0] = 0xF8FF;
-    uint16_t units[3] = {};
-    GetUnicodeStrFromCString(text, units, 3);
-    EXPECT_TRUE(std::ranges::equal(units, expected)) << byte;
-  }
+  std::string text(255, '\0');
+  std::iota(text.begin(), text.end(), '\x01');
+  std::vector<uint16_t> expected(256), units(256);
+  char* in = text.data();
+  char* out = reinterpret_cast<char*>(expected.data());
+  size_t left[] = {255, 510};
+  ::iconv(converter, &in, &left[0], &out, &left[1]);
   ::iconv_close(converter);
+  expected[0xC6 - 1] = 0x2206;
+  expected[0xF0 - 1] = 0xF8FF;
+  GetUnicodeStrFromCString(text.c_str(), units.data(), 256);
+  EXPECT_EQ(units, expected);
 }
 
 TEST(Utf16, ToUtf8) {

@@ -3,9 +3,7 @@
 
 #include <elf.h>
 #include <paths.h>
-#include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <utmpx.h>
 #include <algorithm>
 #include <cerrno>
@@ -95,32 +93,22 @@ TEST(GetProcessesInfo, HasParentsWhateverTheNameWhileOthersEnd) {
   }
 }
 
-// Of listing, counting and reading, which leave the counts alone on failure.
-Numbers Statuses() {
+TEST_F(ProcessesTest, TellsWhatItCannotRead) {
   int32_t listed = 0, children = 5, child = -7;
   void* block = nullptr;
   size_t length = 0;
-  const Numbers statuses = {
-      static_cast<int32_t>(ListProcesses(nullptr, &listed)),
-      static_cast<int32_t>(ListChildProcesses(::getppid(), &child, &children)),
-      static_cast<int32_t>(GetProcessesInfo(&block, &length))};
-  const zu::Allocated<void> owner(block);
-  EXPECT_EQ(listed > 0, statuses[0] == 0);
-  EXPECT_EQ(children, statuses[1] == 0 ? 0 : 5);  // Never any children.
+  EXPECT_EQ(ListChildProcesses(::getppid(), &child, &children), 0u);
+  EXPECT_EQ(children, 0);  // Never any.
   EXPECT_EQ(child, -7);
-  return statuses;
-}
-
-TEST_F(ProcessesTest, TellsWhatItCannotRead) {
-  EXPECT_EQ(Statuses(), (Numbers{0, 0, 0}));
   ASSERT_EQ(::mount("none", "/proc", "tmpfs", 0, nullptr), 0);
-  EXPECT_EQ(Statuses(), (Numbers{-1, -1, -1}));
+  EXPECT_EQ(ListProcesses(nullptr, &listed), ZU_PROCESS_NO_TABLE);
+  EXPECT_EQ(listed, 0);
   const std::string name(64, ')');
   WriteFile("/proc/7/stat", "7 (" + name + ") R 4194304 7 7 0");
   fs::create_directory("/proc/8");  // It ends.
   EXPECT_EQ(ReadTable(), (Parents{{7, 4194304}}));
   WriteFile("/proc/9/stat", "9");
-  EXPECT_EQ(Statuses(), (Numbers{0, -1, -1}));
+  EXPECT_EQ(GetProcessesInfo(&block, &length), ZU_PROCESS_NO_TABLE);
   EXPECT_EQ(::umount2("/proc", MNT_DETACH), 0);
 }
 
@@ -157,25 +145,6 @@ TEST(MarkChildProcesses, GoesGenerationByGeneration) {
   for (const auto& row : kRows) {
     EXPECT_EQ(Mark(row.links, row.found, 1), row.expected) << row.name;
   }
-}
-
-// One process below the other, on a small stack. Each also has a child that
-// comes later in the table, so that every generation is unfinished.
-TEST(MarkChildProcesses, FollowsLongLines) {
-  constexpr int32_t kCount = 100'000;
-  Links links;
-  Numbers expected;
-  for (int32_t pid = 2; pid < kCount; pid += 2) {
-    links.emplace_back(pid, std::max(pid - 2, 1));
-    links.emplace_back(pid + 1, std::max(pid - 2, 1));
-    expected.insert(expected.end(), {pid, pid + 1});
-  }
-  rlimit before{};
-  ::getrlimit(RLIMIT_STACK, &before);
-  const rlimit small{size_t{256} << 10, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_STACK, &small), 0);
-  EXPECT_EQ(Mark(links, {}, 1), expected);
-  ::setrlimit(RLIMIT_STACK, &before);
 }
 
 std::string Records(const std::vector<std::string>& users,
@@ -235,17 +204,12 @@ TEST_F(ProcessesTest, TellsProcessesOf64Bits) {
     return IsProcess64bits(77);
   };
   EXPECT_EQ(is_64_bits("\177ELF\2", char(EM_AARCH64)), 1u);
-  EXPECT_EQ(is_64_bits("\177ELF\2", char(EM_RISCV)), 1u);
   EXPECT_EQ(is_64_bits("\177ELF\1", EM_X86_64), 0u);
-  EXPECT_EQ(is_64_bits("\177ELF\1", EM_PPC), 0u);
   EXPECT_EQ(is_64_bits("#!ELF\1", EM_386), 1u);
   // What the kernel has on record counts first.
   const uint32_t narrow[] = {AT_PHNUM, 56, AT_PHENT, sizeof(Elf32_Phdr)};
   WriteFile("/proc/77/auxv", {reinterpret_cast<const char*>(narrow), 16});
   EXPECT_EQ(is_64_bits("\177ELF\2", char(EM_AARCH64)), 0u);
-  const uint64_t wide[] = {AT_PHNUM, 32, AT_PHENT, sizeof(Elf64_Phdr)};
-  WriteFile("/proc/77/auxv", {reinterpret_cast<const char*>(wide), 32});
-  EXPECT_EQ(is_64_bits("\177ELF\1", EM_386), 1u);
   EXPECT_EQ(::umount2("/proc", MNT_DETACH), 0);
 }
 
@@ -276,20 +240,15 @@ TEST(GetProcessFullPath, WritesWhatFits) {
             ZU_PROCESS_NO_PATH);
 }
 
-// What happens to the file of a running program, and its path then.
+// Also of a program whose name only looks as if its file had been removed.
 TEST(GetProcessFullPath, OutlivesTheFile) {
-  using Changes = std::vector<const char*>;  // As of TestTree.
-  for (const auto& [name, changes] :
-       {std::pair("odd (deleted)", Changes{}),
-        std::pair("out (deleted)", Changes{"-out (deleted)"}),
-        std::pair("old", Changes{"-old", "old (deleted)=other"})}) {
+  for (const char* const name : {"old", "odd (deleted)"}) {
     const zu::test::TestTree tree;
     const std::string path = tree.Path(name);
     fs::copy("/bin/sleep", path);
     const PausedChild child(
         [&] { ::execl(path.c_str(), "sleep", "1000", nullptr); });
-    fs::create_hard_link(path, tree.Path("link"));
-    for (const char* const change : changes) tree.Put(change);
+    if (name == "old"s) fs::remove(path);
     char buffer[PATH_MAX] = {};
     uint32_t size = sizeof buffer;
     EXPECT_EQ(GetProcessFullPath(child.pid(), buffer, &size), 0u);

@@ -3,8 +3,6 @@
 #include "server/gateway_share.h"
 
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
@@ -160,21 +158,6 @@ TEST_F(GatewayShareTest, FollowsNoLink) {
     fs::remove(place);
     fs::rename("/real", place);
   }
-}
-
-// A full disk changes nothing: neither the older file nor what is around it.
-TEST_F(GatewayShareTest, FailsWithoutATrace) {
-  WriteFile(FileOf("ann"), "older", 0640);
-  rlimit limit{};
-  ::getrlimit(RLIMIT_FSIZE, &limit);
-  const rlimit small{10, limit.rlim_max};
-  ::signal(SIGXFSZ, SIG_IGN);
-  ::setrlimit(RLIMIT_FSIZE, &small);
-  EXPECT_THAT(Request(), ElementsAre(kReceived, Saved("ann")));
-  ::setrlimit(RLIMIT_FSIZE, &limit);
-  EXPECT_EQ(ReadFile(FileOf("ann")), "older");
-  EXPECT_EQ(fs::status(FileOf("ann")).permissions(), fs::perms{0640});
-  EXPECT_EQ(CountFiles("ann"), 1);
 }
 
 // The server's own observer; it stays after the stop and has nobody to ask.

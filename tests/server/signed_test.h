@@ -16,7 +16,6 @@ namespace zu::test {
 
 inline constexpr char kSignedProgram[] = "/tmp/signed_program";
 inline constexpr char kStrangersProgram[] = "/tmp/strangers_program";
-inline constexpr char kUnsignedProgram[] = "/tmp/unsigned_program";
 
 class SignedTest : public RootedTest {
  protected:
@@ -26,8 +25,7 @@ class SignedTest : public RootedTest {
     const TestAuthority vendor;
     const TestAuthority stranger("Somebody Else");
     vendor.WriteAnchors(ZU_ANCHORS_DIRECTORY);
-    for (const char* program :
-         {kSignedProgram, kStrangersProgram, kUnsignedProgram}) {
+    for (const char* program : {kSignedProgram, kStrangersProgram}) {
       std::filesystem::copy_file("/proc/self/exe", program);
     }
     SignExecutable(kSignedProgram, vendor.Issue());
@@ -37,8 +35,7 @@ class SignedTest : public RootedTest {
   // Runs the scenario in the signed program and expects that it succeeds.
   static void Expect(const ChildScenario& scenario,
                      const Arguments& arguments = {}) {
-    const ChildResult result =
-        RunInChild(scenario, arguments, 3 * kDeadline, kSignedProgram);
+    const ChildResult result = RunInChild(scenario, arguments, kSignedProgram);
     EXPECT_EQ(result.status, 0) << result.output;
   }
 };

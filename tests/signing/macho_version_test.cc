@@ -29,14 +29,12 @@ void Put32(Bytes& bytes, size_t offset, uint32_t value,
 
 // A 32-bit image with the text at its end, which a segment's one section has.
 // In `changes` are words that differ, by offset. What follows the section, at
-// 152, can become another one of that name, or a segment.
+// 152, can become a segment.
 Bytes Image(std::map<size_t, uint32_t> changes = {},
             ByteOrder order = ByteOrder::kLittle) {
   Bytes image(kTextOffset + sizeof kText - 1);
-  for (const auto& [offset, text] : {std::pair(36, "__DATA"),
-                                     {84, "__version"},
-                                     {152, "__version"},
-                                     {kTextOffset, kText}}) {
+  for (const auto& [offset, text] :
+       {std::pair(36, "__DATA"), {84, "__version"}, {kTextOffset, kText}}) {
     std::memcpy(&image[offset], text, std::strlen(text));
   }
   changes.insert({{0, kMachOMagic32},
@@ -62,12 +60,9 @@ TEST_F(MachOVersionTest, OfLibraries) {
   const Bytes intel = BuildMachO(options);
   options.order = ByteOrder::kBig;
   const Bytes big = BuildMachO(options);
-  const Bytes old = BuildMachO({.cpu_type = kCpuTypeX86,
-                                .dynamic_library = true,
-                                .dylib_version = 0x50607});
-  const Bytes universal = BuildUniversal({program, old, intel});
+  const Bytes universal = BuildUniversal({program, intel});
   Bytes little = universal;  // With its header turned.
-  for (size_t i = 0; i < 8 + 3 * 20; i += 4) {
+  for (size_t i = 0; i < 8 + 2 * 20; i += 4) {
     Put32(little, i, LoadBig32(little, i));
   }
   const struct {
@@ -75,11 +70,8 @@ TEST_F(MachOVersionTest, OfLibraries) {
     uint32_t version;
     uint32_t compatible = 0x10000;
   } rows[] = {
-      {intel, 0x20304},
-      {big, 0x04030200, 0x100},
-      {universal, 0x50607},
-      {little, 0x50607},
-      {BuildUniversal({program, program}), 0, 0},
+      {intel, 0x20304},  {big, 0x04030200, 0x100}, {universal, 0x20304},
+      {little, 0x20304}, {program, 0, 0},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
@@ -109,19 +101,9 @@ TEST_F(MachOVersionTest, OfTexts) {
       {"no room", Image(), -10, 64},
       {"segment behind", Image({{16, 2}, {20, 180}, {152, 1}, {156, 56}}), 9,
        0},
-      {"64-bit slice behind", BuildUniversal({Image(), wide}), 9, 64},
-      {"second section",
-       Image({{20, 192},
-              {32, 192},
-              {76, 2},
-              {120, 10},
-              {188, 9},
-              {192, kTextOffset}}),
-       10, 0, kText},
       {"second slice", BuildUniversal({wide, Image()}), 32, 0, kText},
       {"other order", Image({}, ByteOrder::kBig), 10, 0, kText},
       {"not in the file", Image({{124, 1001}}), 10, ZU_MACHO_FAILED},
-      {"no length", Image({{64, 0}}), 9, ZU_MACHO_FAILED},
       {"other segment", Image({{36, 'a'}}), 10, ZU_MACHO_FAILED},
       {"other section", Image({{84, 'a'}}), 10, ZU_MACHO_FAILED},
   };
@@ -145,23 +127,12 @@ void ExpectNone(const char* path) {
 }
 
 TEST_F(MachOVersionTest, BrokenFilesHaveNone) {
-  const Bytes library =
-      BuildMachO({.cpu_type = kCpuTypeX86, .dynamic_library = true});
-  // Too many sections, and a library's identifier without its versions.
-  std::vector<Bytes> files = {Image({{76, 0xffffffff}}),
-                              Image({{28, 13}, {32, 16}})};
-  // The magic number, the commands' size and that of the first one.
-  for (const auto& [offset, value] : {std::pair(0, 0xbebafecau),
-                                      {0, 0xcafebabe},
-                                      {20, 8},
-                                      {20, 0xffffffff},
-                                      {32, 7},
-                                      {32, 0xffffffff}}) {
-    for (const Bytes& good : {library, Image()}) {
-      files.push_back(good);
-      Put32(files.back(), static_cast<size_t>(offset), value);
-    }
-  }
+  // The magic number, the commands' size, that of the first one, too many
+  // sections, and a library's identifier without its versions.
+  std::vector<Bytes> files = {
+      Image({{0, 0xcafebabe}}),  Image({{20, 0xffffffff}}),
+      Image({{32, 7}}),          Image({{32, 0xffffffff}}),
+      Image({{76, 0xffffffff}}), Image({{28, 13}, {32, 16}})};
   for (size_t size = 0; size < 28 + 124; ++size) {
     files.push_back(Image());
     files.back().resize(size);
@@ -173,7 +144,7 @@ TEST_F(MachOVersionTest, BrokenFilesHaveNone) {
   }
 }
 
-// These would cost hours, or all memory, if they were believed.
+// It would cost hours if it were believed.
 TEST_F(MachOVersionTest, HugeFilesEndSoon) {
   constexpr uint32_t kSlices = 200000, kCommands = 8 << 20;
   constexpr uint32_t kSlice = 8 + kSlices * 20;
@@ -186,13 +157,6 @@ TEST_F(MachOVersionTest, HugeFilesEndSoon) {
   Put32(shared, kSlice + 20, kCommands);
   WriteBytes(kFile, shared);
   ExpectNone(kFile);
-  // Four billion slices, and a class file, in a terabyte.
-  for (const uint32_t count : {0xffffffffu, 0x34000000u}) {
-    const uint32_t head[] = {0xbebafeca, count};
-    WriteBytes(kFile, std::as_bytes(std::span(head)));
-    std::filesystem::resize_file(kFile, uint64_t{1} << 40);
-    ExpectNone(kFile);
-  }
 }
 
 TEST_F(MachOVersionTest, OnlyRegularFilesAreRead) {

@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "build_values.h"
 #include "platform/linux/signing/signer/bundle_signer.h"
 #include "platform/linux/signing/signer/macho_signer.h"
 #include "tests/support/macho_builder.h"
 #include "tests/support/test_authority.h"
+#include "tests/support/test_root.h"
 
 namespace zu::test {
 
@@ -95,6 +97,17 @@ class SignedFile {
  private:
   const Format format_;
   const std::filesystem::path path_;
+};
+
+// What the vendor signed is trusted.
+class SignedFileTest : public RootedTest {
+ protected:
+  void SetUp() override {
+    RootedTest::SetUp();
+    if (!IsSkipped()) vendor_.WriteAnchors(ZU_ANCHORS_DIRECTORY);
+  }
+
+  TestAuthority vendor_;
 };
 
 }  // namespace zu::test

@@ -2,7 +2,6 @@
 #ifndef ZU_TESTS_SUPPORT_CHILD_PROCESS_H_
 #define ZU_TESTS_SUPPORT_CHILD_PROCESS_H_
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,7 +37,6 @@ struct ChildResult {
 // is this test program or a copy of it.
 ChildResult RunInChild(const ChildScenario& scenario,
                        const Arguments& arguments = {},
-                       std::chrono::milliseconds deadline = 3 * kDeadline,
                        const char* program = "/proc/self/exe");
 
 // For the test main: runs the scenario that the command line names, if any.

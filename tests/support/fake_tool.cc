@@ -1,6 +1,5 @@
 #include "tests/support/fake_tool.h"
 
-#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <cerrno>
@@ -12,19 +11,8 @@
 #include "tests/support/test_root.h"
 
 namespace zu::test {
-namespace {
 
 namespace fs = std::filesystem;
-
-fs::path MakeTemporaryDirectory() {
-  std::string pattern = "/tmp/tool.XXXXXX";
-  if (!InTestRoot() || ::mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("fake tools need the test root");
-  }
-  return pattern;
-}
-
-}  // namespace
 
 void WriteFile(const fs::path& path, std::string_view text, mode_t mode) {
   fs::create_directories(path.parent_path());
@@ -41,15 +29,13 @@ std::string ReadFile(const fs::path& path) {
 
 FakeTool::FakeTool(fs::path path, std::string_view body)
     : path_(std::move(path)) {
-  const fs::path directory = MakeTemporaryDirectory();
-  const std::string script = "#!/bin/sh\n" + std::string(body) + "\n";
-  if (!fs::exists(path_)) {
-    WriteFile(path_, script, 0755);
-    return;
-  }
-  script_ = directory / "script";
-  WriteFile(script_, script, 0755);
-  if (::mount(script_.c_str(), path_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+  if (!InTestRoot()) throw std::runtime_error("fake tools need the test root");
+  const bool covers = fs::exists(path_);
+  if (covers) script_ = "/tmp/script_of_" + path_.filename().string();
+  WriteFile(covers ? script_ : path_, "#!/bin/sh\n" + std::string(body) + "\n",
+            0755);
+  if (covers &&
+      ::mount(script_.c_str(), path_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
     throw std::system_error(errno, std::generic_category(), path_);
   }
 }
@@ -63,41 +49,17 @@ FakeTool::~FakeTool() {
   }
 }
 
-// A record is the number of arguments and the arguments, each ended by a NUL.
 RecordingTool::RecordingTool(const fs::path& path, std::string_view output)
-    : directory_(MakeTemporaryDirectory()),
+    : directory_("/tmp/calls_of_" + path.filename().string()),
       tool_(path, "cd '" + directory_.string() +
-                      "' && printf '%s\\0' \"$#\" \"$@\" >>record"
+                      "' && { printf '|%s' \"$@\"; echo; } >>record"
                       " && cat output") {
+  fs::remove_all(directory_);
   WriteFile(directory_ / "output", output);
 }
 
-std::vector<RecordingTool::Call> RecordingTool::Calls() const {
-  const std::string record = ReadFile(directory_ / "record");
-  std::string_view rest = record;
-  const auto next = [&rest] {
-    const size_t end = rest.find('\0');
-    std::string text(rest.substr(0, end));
-    rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
-    return text;
-  };
-  std::vector<Call> calls;
-  while (!rest.empty()) {
-    Call& call = calls.emplace_back();
-    for (int left = std::stoi(next()); left > 0; --left) {
-      call.arguments.push_back(next());
-    }
-  }
-  return calls;
-}
-
 std::string RecordingTool::CommandLines() const {
-  std::string lines;
-  for (const Call& call : Calls()) {
-    for (const std::string& argument : call.arguments) lines += "|" + argument;
-    lines += '\n';
-  }
-  return lines;
+  return ReadFile(directory_ / "record");
 }
 
 }  // namespace zu::test

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace zu::test {
 
@@ -37,15 +36,10 @@ class FakeTool {
 // not overlap.
 class RecordingTool {
  public:
-  struct Call {
-    std::vector<std::string> arguments;  // Without the program's name.
-  };
-
   RecordingTool(const std::filesystem::path& path, std::string_view output);
 
-  // The calls that have ended, oldest first.
-  std::vector<Call> Calls() const;
-  // These as text: a bar before each argument, a newline behind each call.
+  // The calls so far, oldest first: a bar before each argument, a newline
+  // behind each call.
   std::string CommandLines() const;
 
  private:

@@ -20,12 +20,6 @@ inline LoadedLibrary LoadLibrary() {
   return LoadedLibrary(::dlopen(ZU_TEST_LIBRARY, RTLD_NOW | RTLD_LOCAL));
 }
 
-// Whether the library is mapped, whoever loaded it.
-inline bool IsLibraryLoaded() {
-  return LoadedLibrary(::dlopen(ZU_TEST_LIBRARY, RTLD_NOW | RTLD_NOLOAD))
-      .valid();
-}
-
 }  // namespace zu::test
 
 // A pointer to an exported function or variable, typed as the header has it.

@@ -12,6 +12,7 @@ namespace zu::test {
 namespace {
 
 constexpr uint64_t kLinkEditSize = 32;
+constexpr uint64_t kRoom = 64;  // Behind the load commands.
 
 struct Place {
   std::string_view name;
@@ -45,9 +46,9 @@ class Writer {
   void PutWord(uint64_t value) { layout_.is_64 ? Put(value) : Put32(value); }
   // With zeros behind, up to this size.
   void PutText(std::string_view text, size_t size) {
-    const auto bytes = std::as_bytes(std::span(text));
-    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
-    PadTo(bytes_.size() + size - text.size());
+    const size_t end = bytes_.size() + size;
+    for (const char c : text) Put(static_cast<uint8_t>(c));
+    PadTo(end);
   }
   void PadTo(uint64_t size) { bytes_.resize(static_cast<size_t>(size)); }
 
@@ -66,10 +67,9 @@ class Writer {
     PutWord(vm_size);
     PutWord(segment.offset);
     PutWord(segment.size);
-    for (const uint64_t field :
-         {uint64_t{protection}, uint64_t{protection}, sections.size()}) {
-      Put32(field);
-    }
+    Put32(protection);
+    Put32(protection);
+    Put32(sections.size());
     Put32(0);
     for (const Place& section : sections) {
       PutText(section.name, kNameSize);
@@ -124,7 +124,7 @@ Writer PutCommands(const MachOOptions& options, uint64_t code, uint64_t page,
 
 std::vector<std::byte> BuildMachO(const MachOOptions& options) {
   const uint64_t page = options.cpu_type == kCpuTypeArm64 ? 0x4000 : 0x1000;
-  const uint64_t code = PutCommands(options, 0, page, 0).size() + options.room;
+  const uint64_t code = PutCommands(options, 0, page, 0).size() + kRoom;
   const uint64_t size =
       code + options.code_size + options.info_dictionary.size();
   const uint64_t end = (size + page - 1) / page * page;

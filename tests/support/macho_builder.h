@@ -20,7 +20,6 @@ struct MachOOptions {
   uint32_t dylib_version = 0x10000;  // Of that; it is compatible with 1.0.
   std::string info_dictionary = {};  // In __TEXT,__info_plist, if there is one.
   size_t code_size = 2000;
-  size_t room = 64;  // Behind the load commands.
 };
 
 // An image with segments, a string table and the commands that the system's

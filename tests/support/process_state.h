@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <cstddef>
 #include <filesystem>
-#include <thread>
 
 namespace zu::test {
 
@@ -31,13 +30,6 @@ inline bool IsOurChild(pid_t child) {
 inline bool HasChildren() {
   siginfo_t info;
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-}
-
-// What some hosts have: a thread that takes the end of every child.
-inline std::jthread StealChildren() {
-  return std::jthread([](const std::stop_token& over) {
-    while (!over.stop_requested()) ::waitpid(-1, nullptr, WNOHANG);
-  });
 }
 
 }  // namespace zu::test

@@ -4,17 +4,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
 
 namespace zu::test {
 namespace {
 
 constexpr sockaddr_un kAddress = {AF_UNIX, "/dev/log"};
-constexpr std::string_view kMark = "mark";
-constexpr std::string_view kStop = "stop";
 
 // "<11>Jan  2 03:04:05 program: text"; the C library writes it so.
 std::string LineOf(std::string_view message) {
@@ -29,65 +28,51 @@ std::string LineOf(std::string_view message) {
 
 }  // namespace
 
+// A stream holds what nobody has read yet; of datagrams the kernel keeps ten,
+// and then whoever logs waits.
 SystemLog::SystemLog() {
   if (!InTestRoot()) return;
-  socket_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  socket_.reset(
+      ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&kAddress),
-             sizeof kAddress) != 0) {
+             sizeof kAddress) != 0 ||
+      ::listen(socket_.get(), SOMAXCONN) != 0) {
     throw std::runtime_error("/dev/log is taken");
   }
-  reader_ = std::thread(&SystemLog::Receive, this);
 }
 
 SystemLog::~SystemLog() {
-  if (!socket_.valid()) return;
-  Send(kStop);
-  reader_.join();
-  ::unlink(kAddress.sun_path);
+  if (socket_.valid()) ::unlink(kAddress.sun_path);
 }
 
-bool SystemLog::WaitForLine(std::string_view line,
-                            std::chrono::milliseconds deadline) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(
-      lock, deadline, [&] { return std::ranges::count(lines_, line) != 0; });
+bool SystemLog::WaitForLine(std::string_view line) {
+  return WaitUntil([&] {
+    Receive();
+    return std::ranges::count(lines_, line) != 0;
+  });
 }
 
 std::vector<std::string> SystemLog::Take() {
-  if (!socket_.valid()) return {};
-  // The socket keeps the order of its messages, whoever sends them.
-  Send(kMark);
-  std::unique_lock lock(mutex_);
-  ++marks_sent_;
-  if (!changed_.wait_for(lock, kDeadline,
-                         [&] { return marks_received_ == marks_sent_; })) {
-    throw std::runtime_error("/dev/log does not deliver");
-  }
+  Receive();
   return std::exchange(lines_, {});
 }
 
+// Each process has a connection, and ends its lines with NULs.
 void SystemLog::Receive() {
-  std::string buffer(65536, '\0');
-  for (;;) {
-    const ssize_t size = RetryOnInterrupt(
-        [&] { return ::recv(socket_.get(), buffer.data(), buffer.size(), 0); });
-    if (size < 0) return;
-    const std::string_view message(buffer.data(), static_cast<size_t>(size));
-    if (message == kStop) return;
-    const std::lock_guard lock(mutex_);
-    if (message == kMark) {
-      ++marks_received_;
-    } else {
-      lines_.push_back(LineOf(message));
-    }
-    changed_.notify_all();
+  for (int sender; (sender = ::accept(socket_.get(), nullptr, nullptr)) >= 0;) {
+    senders_.push_back({FileDescriptor(sender), {}});
   }
-}
-
-void SystemLog::Send(std::string_view message) {
-  const FileDescriptor sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  ::sendto(sender.get(), message.data(), message.size(), 0,
-           reinterpret_cast<const sockaddr*>(&kAddress), sizeof kAddress);
+  for (auto& [socket, text] : senders_) {
+    char block[4096];
+    for (ssize_t size; (size = ::recv(socket.get(), block, sizeof block,
+                                      MSG_DONTWAIT)) > 0;) {
+      text.append(block, static_cast<size_t>(size));
+    }
+    for (size_t end; (end = text.find('\0')) != text.npos;) {
+      lines_.push_back(LineOf(std::string_view(text).substr(0, end)));
+      text.erase(0, end + 1);
+    }
+  }
 }
 
 }  // namespace zu::test

@@ -2,16 +2,11 @@
 #ifndef ZU_TESTS_SUPPORT_SYSTEM_LOG_H_
 #define ZU_TESTS_SUPPORT_SYSTEM_LOG_H_
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "support/file_descriptor.h"
-#include "tests/support/wait_until.h"
 
 namespace zu::test {
 
@@ -29,23 +24,22 @@ class SystemLog {
   ~SystemLog();
 
   // False when no such line is there before the deadline. Lines stay.
-  [[nodiscard]] bool WaitForLine(
-      std::string_view line, std::chrono::milliseconds deadline = kDeadline);
+  [[nodiscard]] bool WaitForLine(std::string_view line);
 
   // Takes all lines that were logged before this call.
   std::vector<std::string> Take();
 
  private:
+  struct Sender {
+    FileDescriptor socket;
+    std::string text;  // Without the lines that are complete.
+  };
+
   void Receive();
-  void Send(std::string_view message);
 
   FileDescriptor socket_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  std::vector<Sender> senders_;
   std::vector<std::string> lines_;
-  int marks_sent_ = 0;
-  int marks_received_ = 0;
-  std::thread reader_;
 };
 
 }  // namespace zu::test

@@ -57,14 +57,6 @@ TimePtr TimeFromNow(int64_t seconds) {
       TimePtr(X509_gmtime_adj(nullptr, seconds)).get(), nullptr));
 }
 
-using ExtensionPtr = OpenSslPtr<X509_EXTENSION, &X509_EXTENSION_free>;
-ExtensionPtr MakeExtension(const Extension& extension, X509V3_CTX* context) {
-  ExtensionPtr made(X509V3_EXT_nconf(nullptr, context, extension.name.c_str(),
-                                     extension.value.c_str()));
-  Check(made != nullptr, extension.name.c_str());
-  return made;
-}
-
 // Without an issuer the certificate vouches for itself.
 Credential MakeCertificate(const LeafOptions& options, const char* constraints,
                            const Credential* issuer) {
@@ -79,8 +71,6 @@ Credential MakeCertificate(const LeafOptions& options, const char* constraints,
   X509_gmtime_adj(X509_getm_notBefore(certificate), options.valid_from_s);
   X509_gmtime_adj(X509_getm_notAfter(certificate), options.valid_until_s);
   const std::pair<int, const std::vector<std::string>&> parts[] = {
-      {NID_pkcs9_emailAddress, options.mail_addresses},
-      {NID_organizationName, options.organizations},
       {NID_organizationalUnitName, options.organizational_units},
       {NID_commonName, options.common_names}};
   for (const auto& [nid, values] : parts) {
@@ -114,7 +104,11 @@ Credential MakeCertificate(const LeafOptions& options, const char* constraints,
   X509V3_set_ctx(&context, above, certificate, nullptr, nullptr, 0);
   for (const Extension& extension : extensions) {
     if (extension.value.empty()) continue;
-    X509_add_ext(certificate, MakeExtension(extension, &context).get(), -1);
+    const OpenSslPtr<X509_EXTENSION, &X509_EXTENSION_free> made_extension(
+        X509V3_EXT_nconf(nullptr, &context, extension.name.c_str(),
+                         extension.value.c_str()));
+    Check(made_extension != nullptr, extension.name.c_str());
+    X509_add_ext(certificate, made_extension.get(), -1);
   }
   const KeyPtr issuing_key = issuer ? ReadKey(issuer->key) : nullptr;
   Check(X509_sign(certificate, issuing_key ? issuing_key.get() : key.get(),
@@ -175,10 +169,6 @@ std::string TestAuthority::MakeCrl(const RevocationOptions& options) const {
         entry, X509_get_serialNumber(ReadCertificate(certificate).get()));
     X509_REVOKED_set_revocationDate(entry, from.get());
     X509_CRL_add0_revoked(list.get(), entry);
-  }
-  X509V3_CTX context{};
-  for (const Extension& extension : options.crl_extensions) {
-    X509_CRL_add_ext(list.get(), MakeExtension(extension, &context).get(), -1);
   }
   Check(X509_CRL_sign(list.get(), ReadKey(own_.key).get(), EVP_sha256()) > 0,
         "list");

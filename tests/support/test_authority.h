@@ -43,8 +43,6 @@ struct LeafOptions {
   int64_t valid_until_s = 3600;
   unsigned rsa_bits = 0;  // 0: an elliptic-curve key, which is quickly made.
   // Of the subject, too, in front of the common names.
-  std::vector<std::string> mail_addresses = {};
-  std::vector<std::string> organizations = {ZU_DEVELOPER_ID_NAME};
   std::vector<std::string> organizational_units = {ZU_DEVELOPER_ID_TEAM};
   // Where to ask whether it is revoked; empty leaves them out.
   std::string ocsp_url = "";
@@ -60,7 +58,6 @@ struct RevocationOptions {
   int64_t valid_until_s = 3600;
   // Signs OCSP answers in the authority's place.
   std::optional<Credential> responder = std::nullopt;
-  std::vector<Extension> crl_extensions = {};
 };
 
 // Every failure throws std::runtime_error.

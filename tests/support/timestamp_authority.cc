@@ -4,37 +4,43 @@
 #include <openssl/objects.h>
 #include <ctime>
 #include <stdexcept>
+#include <string_view>
 
 #include "platform/linux/signing/cms/ber.h"
 #include "platform/linux/signing/openssl_ptr.h"
-#include "tests/support/message_editor.h"
 
 namespace zu::test {
 namespace {
 
 using Bytes = std::vector<std::byte>;
+using platform::EncodeDer;
+using platform::kBerSequence;
 
-BerNode Primitive(uint8_t tag, std::string_view octets) {
-  const auto bytes = std::as_bytes(std::span(octets));
-  return {tag, {bytes.begin(), bytes.end()}, {}};
+Bytes Primitive(uint8_t tag, std::string_view octets) {
+  return EncodeDer(tag, {std::as_bytes(std::span(octets))});
 }
 
-// A message with signed attributes and, in it, what a timestamp says.
-Bytes MakeToken(const Credential& tsa, const BerNode& imprint, int64_t time,
-                const std::vector<BerNode>& nonce) {
+}  // namespace
+
+Bytes MakeTimestampToken(const Credential& tsa,
+                         std::span<const std::byte> value, int64_t time) {
+  using platform::kBerInteger;
+  using platform::kBerObjectIdentifier;
   char text[32];
   std::strftime(text, sizeof(text), "%Y%m%d%H%M%SZ", std::gmtime(&time));
-  BerNode info{platform::kBerSequence,
-               {},
-               {Primitive(platform::kBerInteger, "\1"),
-                Primitive(platform::kBerObjectIdentifier, "\x2a\3"), imprint,
-                Primitive(platform::kBerInteger, "\7"), Primitive(0x18, text)}};
-  // Its accuracy and that it is ordered, as many say.
-  info.parts.push_back(
-      {platform::kBerSequence, {}, {Primitive(platform::kBerInteger, "\1")}});
-  info.parts.push_back(Primitive(platform::kBerBoolean, "\xff"));
-  info.parts.insert(info.parts.end(), nonce.begin(), nonce.end());
-  const Bytes content = info.Encode();
+  const Bytes sha256 = EncodeDer(
+      kBerSequence,
+      {Primitive(kBerObjectIdentifier, "\x60\x86\x48\1\x65\3\4\2\1")});
+  const Bytes digest = platform::DigestOf(value, *EVP_sha256());
+  const Bytes imprint = EncodeDer(
+      kBerSequence, {sha256, EncodeDer(platform::kBerOctetString, {digest})});
+  // Its accuracy and that it is ordered come last, as many say.
+  const Bytes content = EncodeDer(
+      kBerSequence,
+      {Primitive(kBerInteger, "\1"), Primitive(kBerObjectIdentifier, "\x2a\3"),
+       imprint, Primitive(kBerInteger, "\7"), Primitive(0x18, text),
+       EncodeDer(kBerSequence, {Primitive(kBerInteger, "\1")}),
+       Primitive(platform::kBerBoolean, "\xff")});
 
   // CMS_CADES adds the reference to the signer's certificate, which tokens
   // must have.
@@ -56,34 +62,6 @@ Bytes MakeToken(const Credential& tsa, const BerNode& imprint, int64_t time,
   auto* out = reinterpret_cast<unsigned char*>(token.data());
   i2d_CMS_ContentInfo(message.get(), &out);
   return token;
-}
-
-}  // namespace
-
-Bytes MakeTimestampToken(const Credential& tsa,
-                         std::span<const std::byte> value, int64_t time) {
-  const BerNode sha256{platform::kBerSequence,
-                       {},
-                       {Primitive(platform::kBerObjectIdentifier,
-                                  "\x60\x86\x48\1\x65\3\4\2\1")}};
-  const BerNode imprint{
-      platform::kBerSequence,
-      {},
-      {sha256,
-       {platform::kBerOctetString, platform::DigestOf(value, *EVP_sha256())}}};
-  return MakeToken(tsa, imprint, time, {});
-}
-
-Bytes AnswerTimestampRequest(const Credential& tsa,
-                             std::span<const std::byte> request, int64_t time) {
-  // Version, imprint, nonce and whether certificates are asked for.
-  const std::vector<BerNode> asked = BerNode::Parse(request).parts;
-  if (asked.size() != 4) throw std::runtime_error("request");
-  const BerNode granted = Primitive(platform::kBerInteger, {"\0", 1});
-  return platform::EncodeDer(
-      platform::kBerSequence,
-      {platform::EncodeDer(platform::kBerSequence, {granted.Encode()}),
-       MakeToken(tsa, asked[1], time, {asked[2]})});
 }
 
 }  // namespace zu::test

