@@ -5,6 +5,7 @@
 #include <link.h>
 #include <linux/capability.h>
 #include <linux/userfaultfd.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -121,9 +122,15 @@ char* TextBeforeHole(size_t size, size_t length) {
   return hole - size;
 }
 
+link_map& LastImage() {
+  auto* last = static_cast<link_map*>(::dlopen(nullptr, RTLD_LAZY));
+  while (last->l_next != nullptr) last = last->l_next;
+  return *last;
+}
+
 // A page that is not there before this process has said what it is.
-char* MapWatched() {
-  const int watch = static_cast<int>(::syscall(SYS_userfaultfd, O_CLOEXEC));
+char* MapWatched(int& watch) {
+  watch = static_cast<int>(::syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK));
   uffdio_api api = {UFFD_API, 0, 0};
   ::ioctl(watch, UFFDIO_API, &api);
   void* const page = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
@@ -160,17 +167,48 @@ TEST(Modules, OfAHarmfulProcessAreReadInBounds) {
            each.l_next = std::exchange(last.l_next, &each);
        },
        std::nullopt},
-      {"path withheld", [](auto& last) { last.l_name = MapWatched(); },
+      {"path withheld",
+       [](auto& last) {
+         int watch;
+         last.l_name = MapWatched(watch);
+       },
        others}};
   for (const auto& row : kRows) {
-    PausedChild child([&row] {
-      auto* last = static_cast<link_map*>(::dlopen(nullptr, RTLD_LAZY));
-      while (last->l_next != nullptr) last = last->l_next;
-      row.harm(*last);
-    });
+    PausedChild child([&row] { row.harm(LastImage()); });
     EXPECT_EQ(ReadModules(child.pid()), row.modules) << row.name;
     EXPECT_EQ(WTERMSIG(child.End()), SIGKILL);  // It did not fall itself.
   }
+}
+
+// Its list ends in a page that comes and goes, and leads nowhere from there: it
+// is read again and again, without waiting for the page. (A reading may just
+// have seen it.)
+TEST(Modules, DoNotWaitForPagesThatAreTakenAway) {
+  auto* const waits =
+      static_cast<int*>(::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE,
+                               MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  static int watch;
+  static char* page;
+  alignas(4096) static link_map content[4096 / sizeof(link_map) + 1];
+  content->l_next = reinterpret_cast<link_map*>(8);
+  const PausedChild child(
+      [] {
+        page = MapWatched(watch);
+        LastImage().l_next = reinterpret_cast<link_map*>(page);
+      },
+      [waits] {
+        uffdio_copy copy = {reinterpret_cast<uintptr_t>(page),
+                            reinterpret_cast<uintptr_t>(content), 4096, 0, 0};
+        ::ioctl(watch, UFFDIO_COPY, &copy);
+        ::usleep(20'000);
+        ::madvise(page, 4096, MADV_DONTNEED);
+        pollfd asked = {watch, POLLIN, 0};
+        *waits += ::poll(&asked, 1, 5);
+      });
+  for (int i = 0; i < 40; ++i)
+    EXPECT_EQ(ReadModules(child.pid()), std::nullopt);
+  EXPECT_LE(*waits, 2);  // Of some ten times.
+  ::munmap(waits, sizeof(int));
 }
 
 // Without capabilities, a process may not read one that has some.

@@ -25,20 +25,20 @@ constexpr size_t kMaxMappings = 65536;
 
 using DeviceNumber = std::pair<unsigned, unsigned>;  // Major and minor.
 
-// The mounted file systems that have no device's number, since they may span
-// several, but have their files from nowhere else.
-//
-// As mounted where the caller sees it: in a mount namespace of one's own anyone
+// Whether the file system with this number has its files on this machine. As
+// mounted where the caller sees it: in a mount namespace of one's own anyone
 // may lay an overlay on a file system that one serves.
-std::vector<DeviceNumber> ReadDevicelessFileSystems() {
-  constexpr std::string_view kTypes[] = {"bcachefs", "btrfs", "overlay", "zfs"};
-  std::vector<DeviceNumber> systems;
-  for (const Mount& mount : ReadMountTable()) {
-    if (std::ranges::find(kTypes, mount.type) != std::end(kTypes)) {
-      systems.emplace_back(mount.major, mount.minor);
-    }
-  }
-  return systems;
+bool IsLocal(DeviceNumber device, const std::vector<Mount>& mounts) {
+  // Without a device's number, since they may span several.
+  constexpr std::string_view kDeviceless[] = {"bcachefs", "btrfs", "overlay",
+                                              "zfs"};
+  const auto mount = std::ranges::find_if(mounts, [&](const Mount& each) {
+    return DeviceNumber(each.major, each.minor) == device;
+  });
+  if (mount == mounts.end()) return device.first != 0;
+  // Served by a program, from a device.
+  if (device.first != 0) return !mount->type.starts_with("fuseblk");
+  return std::ranges::find(kDeviceless, mount->type) != std::end(kDeviceless);
 }
 
 struct StreamCloser {
@@ -61,10 +61,9 @@ class MemoryGuard::FileMappings {
     const auto mapping =
         std::ranges::upper_bound(mappings_, address, {}, &Mapping::end);
     if (mapping->start > address) return false;
-    if (mapping->device.first != 0) return true;
-    if (!deviceless_) deviceless_ = ReadDevicelessFileSystems();
-    return std::ranges::find(*deviceless_, mapping->device) !=
-           deviceless_->end();
+    if (mapping->device == DeviceNumber()) return false;
+    if (!mounts_) mounts_ = ReadMountTable();
+    return IsLocal(mapping->device, *mounts_);
   }
 
  private:
@@ -90,13 +89,21 @@ class MemoryGuard::FileMappings {
 
   std::unique_ptr<std::FILE, StreamCloser> table_;
   std::vector<Mapping> mappings_;  // By address.
-  std::optional<std::vector<DeviceNumber>> deviceless_;
+  std::optional<std::vector<Mount>> mounts_;
 };
 
 MemoryGuard::MemoryGuard(uint32_t task)
-    : task_(task), file_(OpenProcessFile(task, "pagemap")) {}
+    : task_(task), file_(OpenProcessFile(task, "pagemap")) {
+  Forget();
+}
 
 MemoryGuard::~MemoryGuard() = default;
+
+void MemoryGuard::Forget() {
+  present_.clear();
+  mappings_.reset();
+  start_ = present_since_ = Clock::now();
+}
 
 bool MemoryGuard::MayRead(uint64_t page) {
   constexpr uint64_t kPresent = uint64_t{1} << 63;
@@ -104,6 +111,10 @@ bool MemoryGuard::MayRead(uint64_t page) {
   // The process wants to be told of it. Then one that nobody has provided yet
   // may count as swapped, too.
   constexpr uint64_t kWatched = uint64_t{1} << 57;
+  if (const auto now = Clock::now(); now - present_since_ >= kMoment) {
+    present_.clear();
+    present_since_ = now;
+  }
   if (IsPresent(page)) return true;
   const uint64_t number = page / PageSize();
   const uint64_t index = number % kWindow;

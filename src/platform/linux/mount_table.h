@@ -2,13 +2,13 @@
 #ifndef ZU_PLATFORM_LINUX_MOUNT_TABLE_H_
 #define ZU_PLATFORM_LINUX_MOUNT_TABLE_H_
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace zu::platform {
 
 struct Mount {
-  std::string number = {};
   unsigned major = 0;  // 0: the device number stands for no device.
   unsigned minor = 0;
   std::string type = {};
@@ -18,6 +18,9 @@ struct Mount {
 
 // The table in proc(5); empty when it cannot be read.
 std::vector<Mount> ReadMountTable();
+
+// The mount with that number, if the table has it.
+std::optional<Mount> FindMount(const std::string& number);
 
 }  // namespace zu::platform
 

@@ -58,7 +58,8 @@ FileDescriptor OpenTable() {
 }
 
 // Of the processes as this one has them numbered. Absent when the kernel does
-// not tell: it is older than 6.13, the process has ended.
+// not tell: it is older than 6.13, or keeps parents outside of the namespace to
+// itself; a filter refuses the call; the process has ended.
 std::optional<int32_t> AskParent(int32_t pid) {
   // As far as the kernel's pidfd_info always reached; older headers lack it.
   struct {
@@ -133,12 +134,11 @@ TableResult CopyProcessRecords(void*& records, size_t& size) {
   TableResult result = TableResult::kRead;
   const bool whole = ForEachNumberedEntry(table.get(), [&](int32_t pid) {
     if (result != TableResult::kRead) return;
-    int32_t parent = 0;
     const auto asked = can_ask ? AskParent(pid) : std::nullopt;
-    const int error = asked ? parent = *asked,
-              0             : ReadParent(table.get(), pid, parent);
+    int32_t parent = asked.value_or(0);
+    const int error = asked ? 0 : ReadParent(table.get(), pid, parent);
     if (error == ENOENT || error == ESRCH) return;  // It has ended.
-    // A mount option may hide all but the identifiers of others' processes.
+    // A mount option may hide the text about others' processes.
     if (error != 0 && error != EPERM && error != EACCES) {
       result = TableResult::kUnreadable;
     } else if (!block.Append(pid, parent)) {

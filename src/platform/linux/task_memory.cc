@@ -160,7 +160,7 @@ struct TaskMemory::State {
     }
     const auto after = runs.upper_bound(address);
     size_t most = kMinRun;
-    if (after != runs.begin()) {
+    if (all_kept && after != runs.begin()) {
       const Run& last = std::prev(after)->second;
       if (last.IndexOf(address) < 2 * last.count) {
         most = std::min(4 * last.count, kMaxRun);
@@ -206,12 +206,15 @@ struct TaskMemory::State {
   }
 
   // Those that were wanted, in one go: the less time it takes, the less the
-  // process can do meanwhile, be it to the list or by taking pages away that
-  // could be read a moment ago. They keep their order: what was read first, and
-  // says whether the rest can be relied on, is read between the rest's two
-  // readings.
+  // process can do meanwhile. Those that could be read a moment ago are taken
+  // to be there still. They keep their order: what was read first, and says
+  // whether the rest can be relied on, is read between the rest's two readings.
   void ReadAgain() {
-    if (!std::exchange(all_kept, true)) Drop();
+    if (!all_kept || (guard && !guard->IsFresh())) {
+      Drop();
+      all_kept = true;
+      if (guard) guard->Forget();
+    }
     std::vector<Part> parts;
     for (Run* const run : in_order) {
       run->read.reset();
@@ -225,7 +228,6 @@ struct TaskMemory::State {
       }
     }
     Fetch(parts);
-    if (guard) guard->Forget();
   }
 
   const pid_t process;

@@ -12,8 +12,6 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include "platform/linux/mount_table.h"
 #include "platform/linux/text_file.h"
@@ -84,13 +82,6 @@ std::string ReadMountNumber(const char* path) {
     if (name == "mnt_id:" && fields >> number) break;
   }
   return number;
-}
-
-std::optional<Mount> FindMount(const std::string& number) {
-  std::vector<Mount> mounts = ReadMountTable();
-  const auto mount = std::ranges::find(mounts, number, &Mount::number);
-  if (mount == mounts.end()) return std::nullopt;
-  return std::move(*mount);
 }
 
 // Absent, with errno, when there is no such path. Nothing that a server would
