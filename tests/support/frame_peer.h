@@ -2,7 +2,6 @@
 #ifndef ZU_TESTS_SUPPORT_FRAME_PEER_H_
 #define ZU_TESTS_SUPPORT_FRAME_PEER_H_
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -61,7 +60,6 @@ struct FramePeer {
       int descriptor = -1;
       std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(int));
       const FileDescriptor memory(descriptor);
-      region_seals = ::fcntl(descriptor, F_GET_SEALS);
       region = static_cast<char*>(::mmap(nullptr, frame.header.length,
                                          PROT_READ | PROT_WRITE, MAP_SHARED,
                                          descriptor, 0));
@@ -76,9 +74,9 @@ struct FramePeer {
     return frame;
   }
 
-  bool HasMore(int timeout_ms = 20000) const {
+  bool HasMore() const {
     pollfd entry{socket.get(), POLLIN, 0};
-    return ::poll(&entry, 1, timeout_ms) == 1;
+    return ::poll(&entry, 1, 20000) == 1;
   }
   // The other end closes without another word.
   bool IsClosed() const {
@@ -88,7 +86,6 @@ struct FramePeer {
 
   FileDescriptor socket;
   char* region = nullptr;  // What was handed over to this end.
-  int region_seals = 0;
 
  private:
   // One buffer, and room for one descriptor.
