@@ -130,17 +130,6 @@ TEST(ClientTest, FramesMayComeInPieces) {
   }
 }
 
-// Reads of other things must not move the deadline.
-TEST(ClientTest, BroadcastsDoNotPutOffTheDeadline) {
-  Pair pair;
-  std::jthread server([&] {
-    while (pair.Send(Broadcast("noise"))) {
-    }
-  });
-  EXPECT_EQ(pair.Ask("{}", 10 * kShort), kTimedOut);
-  pair.client.Disconnect();
-}
-
 TEST(ClientTest, ADeadlineInTheMiddleOfSendingBreaksTheConnection) {
   Pair pair;
   const std::string large(2 * ZU_CLIENT_MESSAGE_MAX, 'x');
@@ -278,12 +267,8 @@ TEST_F(ConnectTest, TakesOnlyWhatNobodyElseCouldHavePutThere) {
     EXPECT_EQ(connect(), ZU_CLIENT_UNTRUSTED_SERVER);
   }
   ASSERT_EQ(::chmod(kDirectory, 0755), 0);
-  if (::seteuid(65534) == 0) {  // Not in a user namespace of one user.
-    // The peer's credentials are those of the moment when it began to listen.
-    EXPECT_EQ(::listen(listener.get(), 8), 0);
-    ASSERT_EQ(::seteuid(0), 0);
-    EXPECT_EQ(connect(), ZU_CLIENT_UNTRUSTED_SERVER);
-    ASSERT_EQ(::chown(kDirectory, 65534, 0), 0);
+  // Not possible in a user namespace of one user.
+  if (::chown(kDirectory, 65534, 0) == 0) {
     EXPECT_EQ(connect(), ZU_CLIENT_UNTRUSTED_SERVER);
   }
 }

@@ -22,9 +22,6 @@ TEST(MemoryMapTool, ListsWhatFits) {
       // Not two pieces; part of another.
       {"__TEXT x\n__TEXT /a /b\n__TEXT /usr/c/ d\n__TEXT /c/", "/usr/c/ d|",
        10},
-      {"\r\n__TEXT /1\r\n__TEXT /2\v__TEXT /3\f__TEXT /4\u0085__TEXT /5"
-       "\u2028__TEXT /6\u2029__TEXT /7\u2027",
-       "/1|/2|/3|/4|/5|/6|/7\xE2|", 22},
       // 3 units in 5 bytes, 4 in 6.
       {"__TEXT /\u00E9\u00E8a\n__TEXT /\U0001F600bc",
        "/\u00E9\xC3|/\U0001F600|", 11},

@@ -63,16 +63,13 @@ TEST_F(CommandLinesTest, CallsAndResults) {
       {[=] { return permit(kFile, "", 0); }, kChmod, "||/Users/zu/a file\n"},
       {[=] { return permit(kHome, "0755", 256); }, kChmod,
        "|-R|0755|/Users/zu\n"},
-      {[=] { return permit(kFile, nullptr, 1); }, kChmod, ""},
       {[] { return ZuDecompress("/a b/$c.tbz///"); }, kSudo,
        "|/usr/bin/tar|-C|/a b|-jxf|/a b/$c.tbz///\n"},
       {[] { return ZuDecompress("a.tbz"); }, kSudo,
        "|/usr/bin/tar|-C||-jxf|a.tbz\n"},
-      {[] { return ZuDecompress("/"); }, kSudo, "|/usr/bin/tar|-C|/|-jxf|/\n"},
       {[] { return ZuDecompress("//a//\u00E9//c"); }, kSudo,
        "|/usr/bin/tar|-C|/a/\u00E9|-jxf|//a//\u00E9//c\n"},
       {[] { return ZuDecompress(nullptr); }, kSudo, ""},
-      {[] { return ZuDecompress(""); }, kSudo, ""},
       {[] { return ZuDecompress("\xff"); }, kSudo, ""},
   };
   WriteFile(kFile, "");
@@ -94,7 +91,6 @@ TEST_F(CommandLinesTest, CallsAndResults) {
 TEST_F(CommandLinesTest, OwnerIsTheUserAtTheTerminal) {
   for (const auto& [printed, line] :
        {std::pair("zu  ttys000  Nov 23\n", "|zu|/Users/zu/a file\n"),
-        {"z\u20ac\u2003tty", "|z\u20ac|/Users/zu/a file\n"},
         {"", ""}}) {
     const zu::test::RecordingTool who("/usr/bin/who", printed);
     const zu::test::RecordingTool chown("/usr/sbin/chown", "");
@@ -129,16 +125,9 @@ TEST_F(CommandLinesTest, StartsTheUpdaterCleanlyWhereItCanWork) {
   ::unsetenv(kRegistry);
   EXPECT_EQ(ZuStartZuUpdater(kUpdater, kDirectory, "a", "b"), 0u);
   ::setenv(kRegistry, "", 1);
-  const char* const refused[][4] = {
-      {kPlain, kDirectory, "a", "b"},
-      {kUpdater, kPlain, "a", "b"},
-      {kUpdater, kDirectory, nullptr, "b"},
-      {kUpdater, kDirectory, "a", ""},
-  };
-  for (const auto& [program, directory, first, second] : refused) {
-    EXPECT_EQ(ZuStartZuUpdater(program, directory, first, second), 0u);
-    EXPECT_TRUE(childless()) << program << directory;
-  }
+  EXPECT_EQ(ZuStartZuUpdater(kPlain, kDirectory, "a", "b"), 0u);
+  EXPECT_EQ(ZuStartZuUpdater(kUpdater, kDirectory, "a", ""), 0u);
+  EXPECT_TRUE(childless());
   ::dup2(STDOUT_FILENO, 77);  // Children inherit it.
   EXPECT_EQ(ZuStartZuUpdater(kUpdater, kDirectory, "--one", "2 3"), 1u);
   EXPECT_TRUE(zu::test::WaitUntil(childless));

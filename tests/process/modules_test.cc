@@ -14,8 +14,8 @@
 #include <filesystem>
 
 #include "ZuHelper.h"
-#include "tests/process/paused_child.h"
 #include "tests/server/signed_test.h"
+#include "tests/support/paused_child.h"
 #include "tests/support/system_log.h"
 
 namespace zu::test {

@@ -7,8 +7,8 @@
 
 #include "ZuHelper.h"
 #include "build_values.h"
-#include "tests/process/paused_child.h"
 #include "tests/signing/signed_file.h"
+#include "tests/support/paused_child.h"
 
 namespace zu::test {
 namespace {

@@ -46,13 +46,12 @@ class SignedFile {
     } else if (format_ == Format::kBundle) {
       const fs::path contents = path_ / "Contents";
       fs::create_directories(contents / "MacOS");
-      fs::create_directories(contents / "Resources/en.lproj");
+      fs::create_directories(contents / "Resources");
       std::ofstream(contents / "Info.plist")
           << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
              "<string>main</string><key>CFBundleIdentifier</key>"
              "<string>com.example.app</string></dict></plist>\n";
       std::ofstream(contents / "Resources/a & b") << "a resource\n";
-      std::ofstream(contents / "Resources/en.lproj/text") << "may go\n";
       fs::create_symlink("a & b", contents / "Resources/link");
     }
     if (can_be_ad_hoc()) WriteBytes(code(), image);

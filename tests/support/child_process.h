@@ -27,8 +27,8 @@ struct ChildScenario {
 };
 
 struct ChildResult {
-  // Exit status; minus the number of the signal that ended it (-9 also when the
-  // deadline did).
+  // Exit status; minus the number of the signal that ended it, which is SIGALRM
+  // when the deadline did. A child that blocks it is left to CTest's.
   int status = 0;
   std::string output;  // Standard output and error together.
 };

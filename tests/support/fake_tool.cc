@@ -1,6 +1,5 @@
 #include "tests/support/fake_tool.h"
 
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <cerrno>
 #include <fstream>
@@ -30,23 +29,13 @@ std::string ReadFile(const fs::path& path) {
 FakeTool::FakeTool(fs::path path, std::string_view body)
     : path_(std::move(path)) {
   if (!InTestRoot()) throw std::runtime_error("fake tools need the test root");
-  const bool covers = fs::exists(path_);
-  if (covers) script_ = "/tmp/script_of_" + path_.filename().string();
-  WriteFile(covers ? script_ : path_, "#!/bin/sh\n" + std::string(body) + "\n",
-            0755);
-  if (covers &&
-      ::mount(script_.c_str(), path_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-    throw std::system_error(errno, std::generic_category(), path_);
-  }
+  fs::remove(path_);  // It may be a link.
+  WriteFile(path_, "#!/bin/sh\n" + std::string(body) + "\n", 0755);
 }
 
 FakeTool::~FakeTool() {
   std::error_code ignored;
-  if (script_.empty()) {
-    fs::remove(path_, ignored);
-  } else {
-    ::umount2(path_.c_str(), MNT_DETACH);
-  }
+  fs::remove(path_, ignored);
 }
 
 RecordingTool::RecordingTool(const fs::path& path, std::string_view output)

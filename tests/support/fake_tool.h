@@ -15,8 +15,8 @@ void WriteFile(const std::filesystem::path& path, std::string_view text,
 // All of it; empty when there is no such file.
 std::string ReadFile(const std::filesystem::path& path);
 
-// Puts a shell script in the place of `path` while it lives; a real file there
-// is only covered. Throws outside of a test root.
+// Puts a shell script in the place of `path` while it lives; what was there is
+// gone for the rest of the test root. Throws outside of one.
 class FakeTool {
  public:
   // `body` is what follows the "#!/bin/sh" line.
@@ -25,11 +25,8 @@ class FakeTool {
   FakeTool& operator=(const FakeTool&) = delete;
   ~FakeTool();
 
- protected:
-  const std::filesystem::path path_;
-
  private:
-  std::filesystem::path script_;  // Empty unless it covers a real file.
+  const std::filesystem::path path_;
 };
 
 // A fake tool that keeps a record of its calls and prints `output`. Calls must

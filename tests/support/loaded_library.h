@@ -3,21 +3,16 @@
 #define ZU_TESTS_SUPPORT_LOADED_LIBRARY_H_
 
 #include <dlfcn.h>
+#include <memory>
 
 #include "ZuHelper.h"
-#include "support/scoped_handle.h"
 
 namespace zu::test {
 
-struct LoadedLibraryTraits {
-  using Value = void*;
-  static constexpr Value kNone = nullptr;
-  static void Close(Value library) noexcept { ::dlclose(library); }
-};
-using LoadedLibrary = ScopedHandle<LoadedLibraryTraits>;
+using LoadedLibrary = std::unique_ptr<void, int (*)(void*)>;
 
 inline LoadedLibrary LoadLibrary() {
-  return LoadedLibrary(::dlopen(ZU_TEST_LIBRARY, RTLD_NOW | RTLD_LOCAL));
+  return {::dlopen(ZU_TEST_LIBRARY, RTLD_NOW | RTLD_LOCAL), &::dlclose};
 }
 
 }  // namespace zu::test

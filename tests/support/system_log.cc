@@ -17,13 +17,10 @@ constexpr sockaddr_un kAddress = {AF_UNIX, "/dev/log"};
 
 // "<11>Jan  2 03:04:05 program: text"; the C library writes it so.
 std::string LineOf(std::string_view message) {
-  constexpr std::string_view kPriority = "<11>";
-  constexpr size_t kTimeLength = 16;
-  const size_t colon = message.find(": ", kPriority.size() + kTimeLength);
-  if (!message.starts_with(kPriority) || colon == message.npos) {
-    return std::string(message);
-  }
-  return std::string(message.substr(colon + 2));
+  constexpr size_t kNameAt = sizeof "<11>Jan  2 03:04:05";
+  const size_t colon = message.find(": ", kNameAt);
+  const bool is_error = message.starts_with("<11>") && colon != message.npos;
+  return std::string(is_error ? message.substr(colon + 2) : message);
 }
 
 }  // namespace

@@ -70,16 +70,15 @@ Credential MakeCertificate(const LeafOptions& options, const char* constraints,
   ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), serial >> 1);
   X509_gmtime_adj(X509_getm_notBefore(certificate), options.valid_from_s);
   X509_gmtime_adj(X509_getm_notAfter(certificate), options.valid_until_s);
-  const std::pair<int, const std::vector<std::string>&> parts[] = {
-      {NID_organizationalUnitName, options.organizational_units},
-      {NID_commonName, options.common_names}};
-  for (const auto& [nid, values] : parts) {
-    for (const std::string& value : values) {
-      X509_NAME_add_entry_by_NID(
-          X509_get_subject_name(certificate), nid, MBSTRING_UTF8,
-          reinterpret_cast<const unsigned char*>(value.data()),
-          static_cast<int>(value.size()), -1, 0);
-    }
+  const auto add_name = [&](int nid, const std::string& value) {
+    X509_NAME_add_entry_by_NID(
+        X509_get_subject_name(certificate), nid, MBSTRING_UTF8,
+        reinterpret_cast<const unsigned char*>(value.data()),
+        static_cast<int>(value.size()), -1, 0);
+  };
+  add_name(NID_organizationalUnitName, ZU_DEVELOPER_ID_TEAM);
+  for (const std::string& name : options.common_names) {
+    add_name(NID_commonName, name);
   }
   X509_set_pubkey(certificate, key.get());
   const CertificatePtr issuing =
@@ -112,7 +111,7 @@ Credential MakeCertificate(const LeafOptions& options, const char* constraints,
   }
   const KeyPtr issuing_key = issuer ? ReadKey(issuer->key) : nullptr;
   Check(X509_sign(certificate, issuing_key ? issuing_key.get() : key.get(),
-                  EVP_get_digestbyname(options.digest.c_str())) > 0,
+                  EVP_sha256()) > 0,
         "certificate");
   return {
       ToText([&](BIO* bio) {
@@ -126,15 +125,12 @@ Credential MakeCertificate(const LeafOptions& options, const char* constraints,
 
 TestAuthority::TestAuthority(const std::string& name,
                              const TestAuthority* parent,
-                             const std::string& extended_key_usage)
-    : TestAuthority(LeafOptions{.common_names = {name},
-                                .extended_key_usage = extended_key_usage,
-                                .valid_from_s = -kYear_s,
-                                .valid_until_s = kYear_s},
-                    parent) {}
-
-TestAuthority::TestAuthority(LeafOptions options, const TestAuthority* parent) {
-  options.key_usage = "critical,keyCertSign,cRLSign";
+                             const std::string& extended_key_usage) {
+  const LeafOptions options{.common_names = {name},
+                            .key_usage = "critical,keyCertSign,cRLSign",
+                            .extended_key_usage = extended_key_usage,
+                            .valid_from_s = -kYear_s,
+                            .valid_until_s = kYear_s};
   own_ = MakeCertificate(options, "critical,CA:TRUE",
                          parent ? &parent->own_ : nullptr);
   if (parent != nullptr) chain_ = own_.certificates + parent->chain_;
@@ -146,8 +142,8 @@ Credential TestAuthority::Issue(const LeafOptions& options) const {
   return leaf;
 }
 
-Credential MakeSelfSigned(const LeafOptions& options) {
-  return MakeCertificate(options, "critical,CA:FALSE", nullptr);
+Credential MakeSelfSigned() {
+  return MakeCertificate({}, "critical,CA:FALSE", nullptr);
 }
 
 void TestAuthority::Revoke(const std::string& certificate) {
@@ -257,11 +253,10 @@ platform::SigningIdentity ToIdentity(const Credential& credential) {
 }
 
 void SignExecutable(const std::filesystem::path& file,
-                    const Credential& credential,
-                    const std::string& identifier) {
+                    const Credential& credential) {
   std::string error;
   Check(platform::SignFile(file.string(), ToIdentity(credential),
-                           {.identifier = identifier, .replace = true},
+                           {.identifier = "", .replace = true},
                            error) == platform::SignResult::kSigned,
         error.c_str());
 }

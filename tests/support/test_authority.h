@@ -33,7 +33,7 @@ struct Extension {
 
 // What a leaf says. The defaults are the vendor's.
 struct LeafOptions {
-  // Of the subject, in this order; may hold NULs.
+  // Of the subject, in this order, behind the vendor's team; may hold NULs.
   std::vector<std::string> common_names = {kDeveloperIdName};
   // As configuration files spell them; empty leaves the extension out.
   std::string key_usage = "critical,digitalSignature";
@@ -42,13 +42,10 @@ struct LeafOptions {
   int64_t valid_from_s = -3600;
   int64_t valid_until_s = 3600;
   unsigned rsa_bits = 0;  // 0: an elliptic-curve key, which is quickly made.
-  // Of the subject, too, in front of the common names.
-  std::vector<std::string> organizational_units = {ZU_DEVELOPER_ID_TEAM};
   // Where to ask whether it is revoked; empty leaves them out.
   std::string ocsp_url = "";
   std::string crl_url = "";
   std::vector<Extension> extensions = {};
-  std::string digest = "SHA256";  // Under which it is signed.
 };
 
 // What an authority says about revocation.
@@ -68,9 +65,6 @@ class TestAuthority {
   explicit TestAuthority(const std::string& name = "Test Authority",
                          const TestAuthority* parent = nullptr,
                          const std::string& extended_key_usage = "");
-  // The same with a leaf's options, but for the key usage.
-  explicit TestAuthority(LeafOptions options,
-                         const TestAuthority* parent = nullptr);
 
   Credential Issue(const LeafOptions& options = {}) const;
 
@@ -97,7 +91,7 @@ class TestAuthority {
 };
 
 // What somebody who is no authority can make.
-Credential MakeSelfSigned(const LeafOptions& options = {});
+Credential MakeSelfSigned();
 
 platform::SigningIdentity ToIdentity(const Credential& credential);
 
@@ -107,11 +101,9 @@ std::string ToDer(const std::string& pem);
 std::vector<platform::CertificatePtr> ReadCertificates(
     const platform::CryptoContext& context, const std::string& pem);
 
-// Signs an ELF file in place, as zusign does. An empty identifier gives the
-// file's base name. What was signed is signed anew.
+// Signs an ELF file in place, as zusign does; what was signed is signed anew.
 void SignExecutable(const std::filesystem::path& file,
-                    const Credential& credential,
-                    const std::string& identifier = "");
+                    const Credential& credential);
 
 }  // namespace zu::test
 

@@ -95,7 +95,6 @@ TEST_F(SettingsTest, ReadsRestrictionsByLine) {
       {all, 127},
       {all.substr(all.find('\n')), 107},
       {"disabled:\u2027Debugging Restrictions, DTrace Restrictions", 40},
-      {"Kext signing: disabled\nKext Signing: Disabled\n", 0},
       {"Kext Signing\rdisabled\vKext Signing\u2028disabled\n", 0},
       {"", kUntouched},
   };

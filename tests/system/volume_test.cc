@@ -96,26 +96,16 @@ TEST_F(VolumeTest, TypeAndOptionsTell) {
   EXPECT_EQ(errno, ENOENT);
 }
 
+// The volume is a partition of the image, whose directory in the tree is below
+// that of its disk. Of a file that was removed the folder is still there.
 TEST_F(VolumeTest, AnImageIsWhereItsFileIs) {
-  constexpr char kImage[] = "/tmp/server/image\n";
-  WriteFile("/tmp/server/image", "");
-  // A partition of it, whose directory in the tree is below that of its disk.
   fs::create_directories(kBlockDevices / "7:77/loop77p1");
   fs::create_directory_symlink("7:77/loop77p1", kBlockDevices / "259:7");
-  const struct {
-    const char* row;
-    const char* backing_file;
-    uint8_t local;
-  } cases[] = {
-      {"7:77 ext4 /dev/loop77 rw", kImage, 0},
-      {"7:77 ext4 /dev/loop77 rw", "/tmp/server/image (deleted)\n", 0},
-      {"7:77 ext4 /dev/loop77 rw", "/tmp/image\n", 1},
-      {"259:7 xfs /dev/loop77p1 rw", kImage, 0},
-  };
-  for (const auto& c : cases) {
-    WriteFile(kBlockDevices / "7:77/loop/backing_file", c.backing_file);
-    SetTable(c.row);
-    EXPECT_EQ(ZuIsParentPathLocal(kFile), c.local) << c.row << c.backing_file;
+  SetTable("259:7 xfs /dev/loop77p1 rw");
+  for (const auto& [image, local] :
+       {std::pair("/tmp/server/image (deleted)\n", 0), {"/tmp/image\n", 1}}) {
+    WriteFile(kBlockDevices / "7:77/loop/backing_file", image);
+    EXPECT_EQ(ZuIsParentPathLocal(kFile), local) << image;
   }
 }
 

@@ -2,9 +2,6 @@
 #include "platform/code_signing.h"
 
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -17,10 +14,10 @@
 #include "build_values.h"
 #include "platform/linux/signing/status.h"
 #include "support/file_descriptor.h"
-#include "tests/process/paused_child.h"
-#include "tests/support/child_process.h"
+#include "tests/support/paused_child.h"
 #include "tests/support/test_authority.h"
 #include "tests/support/test_root.h"
+#include "tests/support/wait_until.h"
 
 namespace zu::platform {
 namespace {
@@ -57,7 +54,7 @@ class CodeSigningTest : public test::RootedTest {
     if (IsSkipped()) return;
     authority_.WriteAnchors(ZU_ANCHORS_DIRECTORY);
     fs::copy_file("/bin/sh", kClient, fs::copy_options::overwrite_existing);
-    test::SignExecutable(kClient, authority_.Issue(), "com.example.client");
+    test::SignExecutable(kClient, authority_.Issue());
     fs::remove("/tmp/go");
     ASSERT_EQ(::mkfifo("/tmp/go", 0600), 0);
   }
@@ -107,31 +104,6 @@ TEST_F(CodeSigningTest, SeesAProcessThatMovesOn) {
   EXPECT_EQ(Status(code), kCodeSigningGuestInvalid);
   Kill(program.pid());
   EXPECT_EQ(Status(code), kCodeSigningNoSuchCode);
-}
-
-// Kernels before 5.3: the call is taken away from the calling process for good.
-const test::ChildScenario kOldKernel("OldKernel", [](const test::Arguments&) {
-  sock_filter code[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_open, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  const sock_fprog program{std::size(code), code};
-  EXPECT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-  EXPECT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-  const test::PausedChild client(RunClient);
-  const CodeRef code_of_client = CopyCodeOfProcess({client.pid()});
-  if (code_of_client == nullptr) return 2;
-  EXPECT_EQ(Status(code_of_client), kCodeSigningSuccess);
-  EXPECT_EQ(CopyCodeOfProcess({INT32_MAX}), nullptr);
-  Kill(client.pid());
-  EXPECT_NE(Status(code_of_client), kCodeSigningSuccess);
-  return 0;
-});
-
-TEST_F(CodeSigningTest, WorksOnOldKernels) {
-  const test::ChildResult old = RunInChild(kOldKernel);
-  EXPECT_EQ(old.status, 0) << old.output;
 }
 
 }  // namespace

@@ -130,38 +130,22 @@ TEST(RequirementTest, KnowsChainsOfApples) {
   EXPECT_EQ(evaluate(), std::pair(false, false));
 }
 
-CertificateFacts FactsOfLeaf(const std::string& certificates) {
-  return FactsOf(
-      *test::ReadCertificates(*CryptoContext::Create(), certificates).front());
-}
-
-// What counts is all of the one name.
-TEST(CertificateFactsTest, HasNamesOfCertificates) {
+// What counts is all of the one name or extension.
+TEST(CertificateFactsTest, HasNamesAndExtensions) {
+  const auto context = CryptoContext::Create();
   const test::TestAuthority authority;
-  const auto name = [&](const std::vector<std::string>& common_names) {
-    return FactsOfLeaf(
-               authority.Issue({.common_names = common_names}).certificates)
-        .fields.at("subject.CN");
+  const auto fields = [&](const test::LeafOptions& options) {
+    const std::string pem = authority.Issue(options).certificates;
+    return FactsOf(*test::ReadCertificates(*context, pem).front()).fields;
   };
-  EXPECT_EQ(name({"name"}), "name");
-  EXPECT_EQ(name({"name\0"s}), "name\0"s);
-  EXPECT_EQ(name({"other", "name"}), std::nullopt);
-}
-
-TEST(CertificateFactsTest, HasExtensionsAndDigests) {
-  const test::Credential credential =
-      test::TestAuthority().Issue({.extensions = {{"1.2.3.1", "DER:0c026869"},
-                                                  {"1.2.3.2", "DER:0500"},
-                                                  {"1.2.3.4", "DER:0c0169"},
-                                                  {"1.2.3.4", "DER:0c0169"}}});
-  const CertificateFacts facts = FactsOfLeaf(credential.certificates);
-  EXPECT_EQ(facts.fields.at("field.1.2.3.1"), "hi");
-  EXPECT_EQ(facts.fields.at("field.1.2.3.2"), "\x05\x00"s);
-  EXPECT_EQ(facts.fields.at("field.1.2.3.4"), std::nullopt);
-  const std::string der = test::ToDer(credential.certificates);
-  const auto bytes = std::as_bytes(std::span(der));
-  EXPECT_EQ(facts.sha1, DigestOf(bytes, *EVP_sha1()));
-  EXPECT_EQ(facts.sha256, DigestOf(bytes, *EVP_sha256()));
+  const auto one = fields(
+      {.common_names = {"name\0"s},
+       .extensions = {{"1.2.3.1", "DER:0c026869"}, {"1.2.3.2", "DER:0500"}}});
+  EXPECT_EQ(one.at("subject.CN"), "name\0"s);
+  EXPECT_EQ(one.at("field.1.2.3.1"), "hi");
+  EXPECT_EQ(one.at("field.1.2.3.2"), "\x05\x00"s);
+  EXPECT_EQ(fields({.common_names = {"other", "name"}}).at("subject.CN"),
+            std::nullopt);
 }
 
 }  // namespace

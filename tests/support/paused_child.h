@@ -1,6 +1,6 @@
 // Child processes that are there to be looked at.
-#ifndef ZU_TESTS_PROCESS_PAUSED_CHILD_H_
-#define ZU_TESTS_PROCESS_PAUSED_CHILD_H_
+#ifndef ZU_TESTS_SUPPORT_PAUSED_CHILD_H_
+#define ZU_TESTS_SUPPORT_PAUSED_CHILD_H_
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -57,4 +57,4 @@ inline pid_t EndedProcess() { return PausedChild().pid(); }
 
 }  // namespace zu::test
 
-#endif  // ZU_TESTS_PROCESS_PAUSED_CHILD_H_
+#endif  // ZU_TESTS_SUPPORT_PAUSED_CHILD_H_
