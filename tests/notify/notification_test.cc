@@ -14,6 +14,7 @@
 
 #include "build_values.h"
 #include "platform/linux/notification/post_directory.h"
+#include "platform/linux/notification/power_supply.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_tool.h"
 #include "tests/support/test_root.h"
@@ -162,6 +163,22 @@ const test::ChildScenario kStops("Stops", [](const Arguments&) {
 TEST_F(NotificationTest, EndsWhenItIsStopped) {
   const test::ChildResult result = test::RunInChild(kStops);
   EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(PowerSupply, IsUnlimitedUnlessABatteryIsUsed) {
+  const PowerSupply mains{.type = "Mains", .online = "0"};
+  const PowerSupply full{.type = "Battery", .status = "Full"};
+  const PowerSupply used{.type = "Battery", .status = "Discharging"};
+  PowerSupply adapter = mains, mouse = used, empty_bay = used;
+  adapter.online = "1";
+  mouse.scope = "Device";
+  empty_bay.present = "0";
+  using Supplies = std::vector<PowerSupply>;
+  for (const Supplies& supplies :
+       {Supplies{}, {used, adapter}, {mains, full, mouse, empty_bay}}) {
+    EXPECT_TRUE(IsPowerUnlimited(supplies)) << supplies.size();
+  }
+  EXPECT_FALSE(IsPowerUnlimited(Supplies{mains, full, used}));
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 namespace zu::platform {
 
 double EstimateTimeRemaining_s() {
-  return EstimateTimeRemaining_s(ReadPowerSupplies());
+  // How many seconds, nobody asks here.
+  return IsPowerUnlimited(ReadPowerSupplies()) ? kTimeRemainingUnlimited
+                                               : kTimeRemainingUnknown;
 }
 
 }  // namespace zu::platform

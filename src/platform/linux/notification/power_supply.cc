@@ -1,12 +1,9 @@
 #include "platform/linux/notification/power_supply.h"
 
-#include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 #include "platform/linux/text_file.h"
-#include "platform/power.h"
 
 namespace zu::platform {
 namespace {
@@ -25,22 +22,6 @@ bool IsBattery(const PowerSupply& supply) {
   return supply.type == "Battery" || supply.type == "UPS";
 }
 
-// 0 for a missing or broken one, which no running battery has.
-double Number(const std::string& text) {
-  return std::abs(std::strtod(text.c_str(), nullptr));
-}
-
-// What batteries hold and give, in units that differ by a factor of an hour.
-struct Reserve {
-  double content = 0;
-  double rate = 0;
-
-  double Lasts_s() const {
-    return content > 0 && rate > 0 ? content / rate * 3600
-                                   : kTimeRemainingUnknown;
-  }
-};
-
 }  // namespace
 
 std::vector<PowerSupply> ReadPowerSupplies() {
@@ -55,38 +36,22 @@ std::vector<PowerSupply> ReadPowerSupplies() {
                         .scope = read("scope"),
                         .online = read("online"),
                         .present = read("present"),
-                        .status = read("status"),
-                        .energy_now = read("energy_now"),
-                        .power_now = read("power_now"),
-                        .charge_now = read("charge_now"),
-                        .current_now = read("current_now")});
+                        .status = read("status")});
   }
   return supplies;
 }
 
-double EstimateTimeRemaining_s(std::span<const PowerSupply> supplies) {
-  bool discharging = false;
-  Reserve energy;
-  Reserve charge;
+bool IsPowerUnlimited(std::span<const PowerSupply> supplies) {
+  bool is_discharging = false;
   for (const PowerSupply& supply : supplies) {
     if (supply.scope == "Device") continue;
-    if (!IsBattery(supply)) {
-      // 2 is an adapter that can be told what to give.
-      if (Number(supply.online) > 0) return kTimeRemainingUnlimited;
-      continue;
+    if (IsBattery(supply)) {
+      is_discharging |= supply.present != "0" && supply.status == "Discharging";
+    } else if (!supply.online.empty() && supply.online != "0") {
+      return true;  // 2 is an adapter that can be told what to give.
     }
-    if (supply.present == "0") continue;
-    // An idle battery will be used once the others are empty.
-    energy.content += Number(supply.energy_now);
-    charge.content += Number(supply.charge_now);
-    if (supply.status != "Discharging") continue;
-    discharging = true;
-    energy.rate += Number(supply.power_now);
-    charge.rate += Number(supply.current_now);
   }
-  if (!discharging) return kTimeRemainingUnlimited;
-  const double lasts_s = energy.Lasts_s();
-  return lasts_s != kTimeRemainingUnknown ? lasts_s : charge.Lasts_s();
+  return !is_discharging;
 }
 
 }  // namespace zu::platform

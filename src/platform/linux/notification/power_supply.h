@@ -16,21 +16,13 @@ struct PowerSupply {
   std::string online = {};   // Not a battery's: "0" while no power comes in.
   std::string present = {};  // A battery's: "0" for an empty bay.
   std::string status = {};   // A battery's: "Discharging", "Full", ...
-  // A battery's content and what it gives, in one of two pairs of units: uWh
-  // and uW, uAh and uA. Some drivers give negative rates.
-  std::string energy_now = {};
-  std::string power_now = {};
-  std::string charge_now = {};
-  std::string current_now = {};
 };
 
 // In no order. Supplies that vanish meanwhile are as without attributes.
 std::vector<PowerSupply> ReadPowerSupplies();
 
-// Unlimited when power comes in, or else no battery of the system's is being
-// discharged. Otherwise the seconds that all batteries together last at the
-// present rate, or unknown.
-double EstimateTimeRemaining_s(std::span<const PowerSupply> supplies);
+// Power comes in, or else no battery of the system's is being discharged.
+bool IsPowerUnlimited(std::span<const PowerSupply> supplies);
 
 }  // namespace zu::platform
 
