@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -151,6 +152,19 @@ const ChildScenario kSystem("System", [](const Arguments&) {
 TEST_F(RegistrationTest, HearsOfTheSystem) {
   const zu::test::ChildResult result = RunInChild(kSystem);
   EXPECT_EQ(result.status, 0) << result.output;
+}
+
+int Shell(const std::string& command) {
+  const std::string line = "exec 2>/dev/null; zuctl=" ZU_TEST_ZUCTL "; ";
+  return WEXITSTATUS(std::system((line + command).c_str()));
+}
+
+TEST_F(RegistrationTest, IsThereForScripts) {
+  // It cannot be told when a program has begun to wait.
+  EXPECT_EQ(Shell("$zuctl wait --count 2 'a name' --timeout 10 & "
+                  "while kill -0 $!; do $zuctl notify 'a name'; done; wait $!"),
+            0);
+  EXPECT_EQ(Shell("$zuctl wait 'a name' --timeout 0.05"), 5);
 }
 
 }  // namespace
