@@ -707,7 +707,7 @@ ZU_EXPORT uint8_t Decompress(const char* path);
 /**
  * Reads the process table: one record a process, which on macOS is the kernel's
  * struct kinfo_proc, on Linux zero but for the two identifiers, in ascending
- * order of them.
+ * order of them. There, a parent is 0 also where the kernel does not tell it.
  *
  * @param[out] buffer  the records, for the caller to free()
  * @param[out] length  their size in bytes
@@ -854,8 +854,9 @@ ZU_EXPORT uint32_t GetProcessModules(int32_t pid, char* buffer, uint32_t* size);
  * Looks the executable's path up as GetProcessFullPath does. Linux: memory that
  * another program than the kernel would have to provide first (a file of a
  * remote file system, say) counts as not there, so that no process holds up its
- * reader; unless it takes the memory away in the microseconds after that was
- * found to be there.
+ * reader; unless it takes the memory away, or puts such memory in its place,
+ * just after that was looked at (within a fraction of a millisecond; within one
+ * reading of the list for memory of files that was not loaded).
  */
 ZU_EXPORT uint32_t GetProcessModules_Old(int32_t pid, char* buffer,
                                          uint32_t* size);

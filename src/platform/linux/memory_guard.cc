@@ -19,8 +19,8 @@
 namespace zu::platform {
 namespace {
 
-// What is looked at of one that has more is none of this machine's files. The
-// kernel's usual limit is below.
+// A process's, of which those beyond count as nobody's files. The kernel's
+// usual limit is below.
 constexpr size_t kMaxMappings = 65536;
 
 using DeviceNumber = std::pair<unsigned, unsigned>;  // Major and minor.

@@ -69,7 +69,8 @@ int32_t GetTask(int32_t pid, uint32_t& task) {
 
 // Whole pages, each read once until all are read again.
 struct TaskMemory::State {
-  // A cache line: copies to where no line begins can take twice as long.
+  // A cache line: with pages copied to where none begins, a list can take half
+  // as long again.
   struct alignas(64) Line {
     std::byte bytes[64];
   };

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/power.h"
+#include "platform/linux/notification/power_supply.h"
 
 namespace zu::platform {
 namespace {
@@ -53,9 +53,7 @@ bool Drain(const FileDescriptor& socket, Counts counts) {
   return any;
 }
 
-bool IsUnlimited() {
-  return EstimateTimeRemaining_s() == kTimeRemainingUnlimited;
-}
+bool IsUnlimited() { return IsPowerUnlimited(ReadPowerSupplies()); }
 
 }  // namespace
 
